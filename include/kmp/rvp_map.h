@@ -45,7 +45,8 @@ int rvp_map_check_configid(RvpInstance* instance, kmp_obj* object, int* result);
 int rvp_map_get_configid(RvpInstance* instance, kmp_obj* object, const kmp_configid* in,
                          kmp_configid* out, int* result);
 /* Up to `count` runs of a file from byte `offset` on; `*returned` counts them, `*done` is set to 1.
- * Asking where the file has no run is an error (code 1): stop at the record flagged as the last. */
+ * Asking where the file has no run is an error (code 1): stop at the record flagged as the last.
+ * `node` is not looked at but must not be null. */
 int rvp_map_get_extent(RvpInstance* instance, kmp_obj* object, unsigned long offset,
                        kmp_extent* extents, int count, int* returned, int* done,
                        kmp_mapdomain_node* node);
@@ -71,7 +72,7 @@ int rvp_map_set_volume_read_callback(RvpInstance* instance,
                                      bool (*read)(void* context, unsigned long offset,
                                                   unsigned long length, char* buffer),
                                      void* context);
-/* The next two are stored; nothing calls them. */
+/* The next two are kept; nothing calls them. */
 int rvp_map_set_volume_optimize_callback(RvpInstance* instance,
                                          bool (*optimize)(void*, unsigned long, unsigned long,
                                                           bool),
