@@ -20,9 +20,8 @@ void appendField(TextBuffer& out, std::string_view text) {
     out.push_back('"');
 }
 
-void appendNumber(TextBuffer& out, uint64_t value) {
-    const fmt::format_int digits(value);
-    out.append(digits.data(), digits.data() + digits.size());
+void appendMember(TextBuffer& out, uint64_t value) {
+    appendNumber(out, value);
     out.push_back(',');
 }
 
@@ -43,15 +42,15 @@ void appendCsvFields(TextBuffer& out, const std::string& path, const File& file,
     const kmp_file& attributes = file.attributes();
     appendField(out, path);
     out.push_back(',');
-    appendNumber(out, file.index());
+    appendMember(out, file.index());
     append(out, typeName(file.typeBits()));
     out.push_back(',');
-    appendNumber(out, attributes.mode);
-    appendNumber(out, attributes.linkCount);
-    appendNumber(out, attributes.owner & UINT32_MAX);
-    appendNumber(out, attributes.owner >> 32);
-    appendNumber(out, attributes.size);
-    appendNumber(out, attributes.blocks);
+    appendMember(out, attributes.mode);
+    appendMember(out, attributes.linkCount);
+    appendMember(out, attributes.owner & UINT32_MAX);
+    appendMember(out, attributes.owner >> 32);
+    appendMember(out, attributes.size);
+    appendMember(out, attributes.blocks);
     appendTime(out, attributes.accessTime);
     appendTime(out, attributes.modifyTime);
     appendTime(out, attributes.changeTime);

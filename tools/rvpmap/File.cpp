@@ -46,7 +46,7 @@ std::string File::linkTarget() {
     return {reinterpret_cast<const char*>(target.address), target.length};
 }
 
-const char* typeName(uint32_t typeBits) {
+std::string_view typeName(uint32_t typeBits) {
     switch (typeBits) {
     case S_IFREG:
         return "file";

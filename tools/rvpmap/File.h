@@ -7,6 +7,7 @@
 #include "kmp/kmp.h"
 
 #include <string>
+#include <string_view>
 #include <utility>
 
 class File {
@@ -37,6 +38,6 @@ class File {
 };
 
 // The name of a file type, by the type bits of its mode: "file", "directory", ...
-const char* typeName(uint32_t typeBits);
+std::string_view typeName(uint32_t typeBits);
 
 #endif

@@ -1,13 +1,11 @@
 #include "FileTime.h"
 
-#include <array>
-
 namespace {
 
 constexpr uint64_t SECONDS_1900_TO_1970 = 2208988800;
 constexpr int64_t NANOSECONDS = 1'000'000'000;
 constexpr uint32_t NANOSECOND_MASK = (1U << 30) - 1;
-constexpr std::size_t DECIMALS = 9;
+constexpr std::size_t POINT_AND_DECIMALS = 10;
 
 } // namespace
 
@@ -38,14 +36,10 @@ void appendSeconds(TextBuffer& out, const km_time& time) {
             nanoseconds = NANOSECONDS - nanoseconds;
         }
     }
-    append(out, std::string_view(fmt::format_int(seconds).c_str()));
-    std::array<char, DECIMALS + 1> digits;
-    digits[0] = '.';
-    for (std::size_t i = DECIMALS; i > 0; --i) {
-        digits[i] = static_cast<char>('0' + nanoseconds % 10);
-        nanoseconds /= 10;
-    }
-    out.append(digits.data(), digits.data() + digits.size());
+    appendNumber(out, static_cast<uint64_t>(seconds));
+    // The leading one keeps the zeros behind it and then makes room for the point.
+    appendNumber(out, static_cast<uint64_t>(NANOSECONDS + nanoseconds));
+    out[out.size() - POINT_AND_DECIMALS] = '.';
 }
 
 std::string localTime(const km_time& time) {

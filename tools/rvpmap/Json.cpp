@@ -23,13 +23,12 @@ void appendEscaped(TextBuffer& out, std::string_view character) {
     }
 }
 
-void appendNumber(TextBuffer& out, std::string_view key, uint64_t value) {
+inline void appendMember(TextBuffer& out, std::string_view key, uint64_t value) {
     append(out, key);
-    const fmt::format_int digits(value);
-    out.append(digits.data(), digits.data() + digits.size());
+    appendNumber(out, value);
 }
 
-void appendTime(TextBuffer& out, std::string_view key, const km_time& time) {
+inline void appendTime(TextBuffer& out, std::string_view key, const km_time& time) {
     append(out, key);
     appendSeconds(out, time);
 }
@@ -47,7 +46,8 @@ void appendTimes(TextBuffer& out, const kmp_file& attributes) {
 
 } // namespace
 
-void appendJsonString(TextBuffer& out, std::string_view text) {
+bool appendJsonString(TextBuffer& out, std::string_view text) {
+    bool valid = true;
     out.push_back('"');
     while (!text.empty()) {
         std::size_t plain = 0;
@@ -64,18 +64,19 @@ void appendJsonString(TextBuffer& out, std::string_view text) {
             appendEscaped(out, text.substr(0, character.length));
         } else {
             append(out, "\xEF\xBF\xBD");
+            valid = false;
         }
         text.remove_prefix(character.length);
     }
     out.push_back('"');
+    return valid;
 }
 
 void appendJsonName(TextBuffer& out, const char* key, std::string_view text) {
     out.push_back('"');
     append(out, key);
     append(out, "\":");
-    appendJsonString(out, text);
-    if (!isUtf8(text)) {
+    if (!appendJsonString(out, text)) {
         fmt::format_to(std::back_inserter(out), ",\"{}_hex\":\"{}\"", key, toHex(text));
     }
 }
@@ -84,15 +85,15 @@ void appendJsonStat(TextBuffer& out, const std::string& path, const File& file,
                     const std::optional<std::string>& target) {
     const kmp_file& attributes = file.attributes();
     appendJsonName(out, "path", path);
-    appendNumber(out, ",\"index\":", file.index());
+    appendMember(out, ",\"index\":", file.index());
     append(out, ",\"type\":\"");
     append(out, typeName(file.typeBits()));
-    appendNumber(out, "\",\"mode\":", attributes.mode);
-    appendNumber(out, ",\"nlink\":", attributes.linkCount);
-    appendNumber(out, ",\"uid\":", attributes.owner & UINT32_MAX);
-    appendNumber(out, ",\"gid\":", attributes.owner >> 32);
-    appendNumber(out, ",\"size\":", attributes.size);
-    appendNumber(out, ",\"blocks\":", attributes.blocks);
+    appendMember(out, "\",\"mode\":", attributes.mode);
+    appendMember(out, ",\"nlink\":", attributes.linkCount);
+    appendMember(out, ",\"uid\":", attributes.owner & UINT32_MAX);
+    appendMember(out, ",\"gid\":", attributes.owner >> 32);
+    appendMember(out, ",\"size\":", attributes.size);
+    appendMember(out, ",\"blocks\":", attributes.blocks);
     appendTimes(out, attributes);
     if (target) {
         out.push_back(',');
@@ -107,18 +108,18 @@ void appendJsonEntry(TextBuffer& out, std::string_view name, const std::string& 
     appendJsonName(out, "name", name);
     out.push_back(',');
     appendJsonName(out, "path", path);
-    appendNumber(out, ",\"index\":", file.index());
+    appendMember(out, ",\"index\":", file.index());
     append(out, ",\"type\":\"");
     append(out, typeName(file.typeBits()));
-    appendNumber(out, "\",\"size\":", attributes.size);
-    appendNumber(out, ",\"mode\":", attributes.mode);
+    appendMember(out, "\",\"size\":", attributes.size);
+    appendMember(out, ",\"mode\":", attributes.mode);
     out.push_back('}');
 }
 
 void appendJsonExtent(TextBuffer& out, const Run& run, bool first) {
-    appendNumber(out, first ? "{\"logical\":" : ",{\"logical\":", run.logical);
-    appendNumber(out, ",\"physical\":", run.physical);
-    appendNumber(out, ",\"length\":", run.length);
+    appendMember(out, first ? "{\"logical\":" : ",{\"logical\":", run.logical);
+    appendMember(out, ",\"physical\":", run.physical);
+    appendMember(out, ",\"length\":", run.length);
     append(out, ",\"flags\":[");
     bool firstFlag = true;
     forEachFlag(run.flags, [&](std::string_view name) {

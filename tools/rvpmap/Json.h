@@ -9,8 +9,8 @@
 #include <optional>
 #include <string>
 
-// A quoted string; each byte that is not UTF-8 becomes U+FFFD.
-void appendJsonString(TextBuffer& out, std::string_view text);
+// A quoted string; each byte that is not UTF-8 becomes U+FFFD. False when there was one.
+bool appendJsonString(TextBuffer& out, std::string_view text);
 // "key": "text", and ,"key_hex": "..." where the text is not UTF-8.
 void appendJsonName(TextBuffer& out, const char* key, std::string_view text);
 

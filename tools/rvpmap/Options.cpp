@@ -113,9 +113,8 @@ void addGlobals(CLI::App& app, Options& options, Raw& raw) {
     app.set_version_flag("-V,--version", "rvpmap " RVPMAP_VERSION);
     app.add_option("--log-level", raw.logLevel, "Show the provider's log lines up to this level")
         ->check(oneOf(LOG_LEVELS));
-    app.add_flag("--trace{7}", options.trace,
-                 "Show all its log lines and calls; --trace=5 and --trace=6 show fewer")
-        ->check(CLI::Range(5, 7));
+    app.add_flag("--trace", options.trace,
+                 "Show all its log lines and calls; --trace=5 and --trace=6 show fewer calls");
     app.add_option("--color", raw.colour, "Colours: auto (on a terminal), always or never")
         ->check(oneOf(COLOURS));
     app.add_option("--root", options.root,
@@ -164,7 +163,19 @@ void addCommands(CLI::App& app, Options& options, Raw& raw) {
     }
 }
 
+// Without a number the flag only counts.
+void interpretTrace(Options& options) {
+    if (options.trace == 1) {
+        options.trace = LAST_TRACE_LEVEL;
+    }
+    if (options.trace != 0 &&
+        (options.trace < FIRST_TRACE_LEVEL || options.trace > LAST_TRACE_LEVEL)) {
+        throw CLI::ValidationError("--trace", "takes 5, 6 or 7");
+    }
+}
+
 void interpret(const Raw& raw, Options& options) {
+    interpretTrace(options);
     options.colour = COLOURS.at(raw.colour);
     if (!raw.logLevel.empty()) {
         options.logLevel = LOG_LEVELS.at(raw.logLevel);
@@ -210,10 +221,10 @@ std::optional<Options> parseOptions(int count, char** arguments, ExitStatus* sta
     try {
         app.parse(count, arguments);
         checkCombination(options, raw);
+        interpret(raw, options);
     } catch (const CLI::ParseError& error) {
         *status = app.exit(error) == 0 ? ExitStatus::DONE : ExitStatus::USAGE;
         return std::nullopt;
     }
-    interpret(raw, options);
     return options;
 }

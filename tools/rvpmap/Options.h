@@ -11,6 +11,9 @@ enum class Command { CLAIM, INFO, LIST, STAT, EXTENTS, EXTRACT, CATALOG };
 enum class Format { TABLE, CSV, NDJSON };
 enum class Colour { AUTO, ALWAYS, NEVER };
 
+constexpr int FIRST_TRACE_LEVEL = 5;
+constexpr int LAST_TRACE_LEVEL = 7;
+
 struct Options {
     Command command = Command::CLAIM;
     std::string volume;

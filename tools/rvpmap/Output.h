@@ -2,6 +2,8 @@
 #ifndef RVPMAP_OUTPUT_H
 #define RVPMAP_OUTPUT_H
 
+#include <cstdint>
+#include <cstring>
 #include <fmt/format.h>
 #include <string>
 #include <string_view>
@@ -9,8 +11,16 @@
 // What formatters append to.
 using TextBuffer = fmt::basic_memory_buffer<char, 1024>;
 
+// Inline, since the catalogue consists of little else.
 inline void append(TextBuffer& buffer, std::string_view text) {
-    buffer.append(text.data(), text.data() + text.size());
+    const std::size_t at = buffer.size();
+    buffer.resize(at + text.size());
+    std::memcpy(buffer.data() + at, text.data(), text.size());
+}
+
+inline void appendNumber(TextBuffer& buffer, uint64_t value) {
+    const fmt::format_int digits(value);
+    append(buffer, {digits.data(), digits.size()});
 }
 
 // Writes all bytes. Throws OutputClosed when the reader has gone, else ToolError.

@@ -21,18 +21,23 @@ std::optional<std::string> targetOf(FoundFile& found) {
     }
 }
 
+std::string sizeText(uint64_t bytes) {
+    return bytes < 1024 ? fmt::format("{}", bytes)
+                        : fmt::format("{} ({})", bytes, humanSize(bytes));
+}
+
 Pairs describe(const FoundFile& found, const std::optional<std::string>& target) {
     const kmp_file& attributes = found.file.attributes();
     const uint32_t type = found.file.typeBits();
     Pairs pairs = {
         {"path", printable(found.path)},
-        {"type", typeName(type)},
+        {"type", std::string(typeName(type))},
         {"index", fmt::format("{}", found.file.index())},
         {"mode", fmt::format("{} ({:04o})", modeText(attributes.mode), attributes.mode & 07777)},
         {"links", fmt::format("{}", attributes.linkCount)},
         {"user", fmt::format("{}", attributes.owner & UINT32_MAX)},
         {"group", fmt::format("{}", attributes.owner >> 32)},
-        {"size", fmt::format("{} ({})", attributes.size, humanSize(attributes.size))},
+        {"size", sizeText(attributes.size)},
         {"allocated", humanSize(attributes.blocks * 512)},
         {"accessed", localTime(attributes.accessTime)},
         {"modified", localTime(attributes.modifyTime)},

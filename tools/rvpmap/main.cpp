@@ -1,44 +1,18 @@
 // rvpmap: looks into volumes as a host of the provider. This file turns the command line into a
 // session, runs the command and turns whatever happened into a message and an exit status.
+#include "Logging.h"
 #include "Messages.h"
-#include "Progress.h"
 #include "Session.h"
 #include "Signals.h"
 #include "VolumeSource.h"
 
 #include "fso/IFileSystemObjectV1.h"
-#include "kmhost.h"
 
 #include <csignal>
 #include <cstdlib>
 #include <unistd.h>
 
 namespace {
-
-constexpr int FIRST_TRACE_LEVEL = 5;
-constexpr int FIRST_TRACE_BIT = 28;
-
-unsigned severityBit(int severity) {
-    return 1U << static_cast<unsigned>(severity);
-}
-
-// Must come before the provider is called: it looks at the debug level once.
-void setUpLogging(const Options& options) {
-    constexpr int ORDER[] = {KMP_SEVERITY_ERROR, KMP_SEVERITY_WARNING, KMP_SEVERITY_INFO,
-                             KMP_SEVERITY_DEBUG};
-    unsigned shown = 0;
-    for (int i = 0; i < (options.trace != 0 ? 4 : options.logLevel); ++i) {
-        shown |= severityBit(ORDER[i]);
-    }
-    int debugLevel = shown != 0 ? 1 : 0;
-    for (int level = FIRST_TRACE_LEVEL; level <= options.trace; ++level) {
-        shown |= severityBit(level);
-        debugLevel |= 1 << (FIRST_TRACE_BIT + level - FIRST_TRACE_LEVEL);
-    }
-    km_debug_level = debugLevel;
-    kmhost_filter_severity(shown);
-    Progress::enable(shown == 0);
-}
 
 bool wantsColours(Colour colour) {
     const char* noColour = std::getenv("NO_COLOR");
