@@ -1,0 +1,69 @@
+#include "AtomicFile.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <random>
+#include <system_error>
+
+namespace {
+
+[[noreturn]] void fail() {
+    throw std::system_error(errno, std::generic_category());
+}
+
+// As long as no other process guesses it; the exclusive creation catches the rest.
+std::string temporaryName() {
+    static std::random_device random;
+    return fmt::format(".rvpmap-{:08x}{:08x}", random(), random());
+}
+
+} // namespace
+
+AtomicFile::AtomicFile(int directory, const std::string& name)
+    : m_directory(directory), m_name(name) {
+    do {
+        m_temporary = temporaryName();
+        m_file = UniqueFd(::openat(directory, m_temporary.c_str(),
+                                   O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    } while (!m_file.valid() && errno == EEXIST);
+    if (!m_file.valid()) {
+        m_temporary.clear();
+        fail();
+    }
+}
+
+AtomicFile::~AtomicFile() {
+    if (!m_temporary.empty()) {
+        ::unlinkat(m_directory, m_temporary.c_str(), 0);
+    }
+}
+
+// Closing comes first: some file systems report a full disk only there.
+void AtomicFile::commit(Existing existing) {
+    if (m_file.reset() != 0) {
+        fail();
+    }
+    if (existing == Existing::KEEP) {
+        renameToKeep();
+    } else if (::renameat(m_directory, m_temporary.c_str(), m_directory, m_name.c_str()) != 0) {
+        fail();
+    }
+    m_temporary.clear();
+}
+
+// Not every file system can rename without replacing; a hard link can stand in.
+void AtomicFile::renameToKeep() {
+    if (::renameat2(m_directory, m_temporary.c_str(), m_directory, m_name.c_str(),
+                    RENAME_NOREPLACE) == 0) {
+        return;
+    }
+    if (errno != EINVAL && errno != ENOSYS) {
+        fail();
+    }
+    if (::linkat(m_directory, m_temporary.c_str(), m_directory, m_name.c_str(), 0) != 0) {
+        fail();
+    }
+    ::unlinkat(m_directory, m_temporary.c_str(), 0);
+}

@@ -1,0 +1,35 @@
+// A file that appears under its name when it is whole, or not at all.
+#ifndef RVPMAP_ATOMICFILE_H
+#define RVPMAP_ATOMICFILE_H
+
+#include "UniqueFd.h"
+
+#include <string>
+
+class AtomicFile {
+  public:
+    // Creates an empty file under a temporary name in the directory `directory`, which must stay
+    // open, private to the user. `name` is its name later on, one path component. Throws
+    // std::system_error, as all operations do.
+    AtomicFile(int directory, const std::string& name);
+    // Without a commit, nothing is left.
+    ~AtomicFile();
+    AtomicFile(const AtomicFile&) = delete;
+    AtomicFile& operator=(const AtomicFile&) = delete;
+
+    int descriptor() const { return m_file.get(); }
+    enum class Existing { REPLACE, KEEP };
+    // Gives the file its name. With KEEP, a file that has the name already stays and EEXIST is
+    // thrown.
+    void commit(Existing existing);
+
+  private:
+    void renameToKeep();
+
+    int m_directory;
+    std::string m_name;
+    std::string m_temporary;
+    UniqueFd m_file;
+};
+
+#endif

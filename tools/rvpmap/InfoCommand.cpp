@@ -1,0 +1,89 @@
+#include "Session.h"
+#include "Text.h"
+
+#include "fso/IFileSystemObjectV1.h"
+
+#include <nlohmann/json.hpp>
+
+namespace {
+
+const char* fileSystemName(uint64_t type) {
+    switch (type) {
+    case FSO_FS_EXT2:
+        return "ext2";
+    case FSO_FS_EXT3:
+        return "ext3";
+    case FSO_FS_EXT4:
+        return "ext4";
+    default:
+        return "unknown";
+    }
+}
+
+std::string uuidText(const std::array<uint8_t, 16>& uuid) {
+    std::string text = toHex({reinterpret_cast<const char*>(uuid.data()), uuid.size()});
+    for (const std::size_t at : {20, 16, 12, 8}) {
+        text.insert(at, 1, '-');
+    }
+    return text;
+}
+
+std::string jsonText(Session& session) {
+    Volume& volume = session.volume;
+    const std::string label = volume.label();
+    nlohmann::ordered_json result;
+    result["volume"] = toUtf8(session.options.volume);
+    result["name"] = toUtf8(label);
+    if (!isUtf8(label)) {
+        result["name_hex"] = toHex(label);
+    }
+    result["uuid"] = uuidText(volume.uuid());
+    result["block_size"] = volume.statistics().blockSize;
+    result["block_count"] = volume.statistics().blockCount;
+    result["root_index"] = volume.rootIndex();
+    result["filesystem"] = fileSystemName(volume.statistics().type);
+    return result.dump();
+}
+
+std::string sizeText(uint64_t blocks, uint64_t blockSize) {
+    return fmt::format("{}B ({} blocks)", humanSize(blocks * blockSize), blocks);
+}
+
+std::string stateText(uint64_t state) {
+    if (state == 0) {
+        return "clean";
+    }
+    std::string text;
+    if ((state & FSO_FS_NEEDS_RECOVERY) != 0) {
+        text = "journal not played back";
+    }
+    if ((state & FSO_FS_HAS_ERRORS) != 0) {
+        text += text.empty() ? "marked as damaged" : ", marked as damaged";
+    }
+    return text.empty() ? fmt::format("{:#x}", state) : text;
+}
+
+} // namespace
+
+ExitStatus runInfo(Session& session) {
+    TextBuffer& out = session.output.buffer();
+    if (session.options.json) {
+        append(out, jsonText(session));
+        out.push_back('\n');
+        return ExitStatus::DONE;
+    }
+    Volume& volume = session.volume;
+    const kmp_fs& fs = volume.statistics();
+    session.table.appendPairs(out, {{"volume", printable(session.options.volume)},
+                                    {"file system", fileSystemName(fs.type)},
+                                    {"name", printable(volume.label())},
+                                    {"UUID", uuidText(volume.uuid())},
+                                    {"state", stateText(fs.state)},
+                                    {"block size", fmt::format("{}", fs.blockSize)},
+                                    {"size", sizeText(fs.blockCount, fs.blockSize)},
+                                    {"used", sizeText(fs.usedBlocks, fs.blockSize)},
+                                    {"free", sizeText(fs.freeBlocks, fs.blockSize)},
+                                    {"free files", fmt::format("{}", fs.freeFiles)},
+                                    {"root index", fmt::format("{}", volume.rootIndex())}});
+    return ExitStatus::DONE;
+}

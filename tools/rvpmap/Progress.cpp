@@ -1,0 +1,63 @@
+#include "Progress.h"
+
+#include "Text.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <fmt/format.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr auto INTERVAL = std::chrono::milliseconds(100);
+constexpr unsigned CALLS_A_CLOCK_READING = 32;
+constexpr uint64_t BAR_CELLS = 24;
+
+} // namespace
+
+bool Progress::s_enabled = false;
+bool Progress::s_shown = false;
+
+Progress::Progress(const std::string& title, Unit unit, uint64_t total)
+    : m_title(title), m_unit(unit), m_total(total) {}
+
+void Progress::enable(bool wanted) {
+    s_enabled = wanted && ::isatty(STDERR_FILENO) == 1;
+}
+
+void Progress::hide() {
+    if (s_shown) {
+        std::fputs("\r\033[K", stderr);
+        s_shown = false;
+    }
+}
+
+void Progress::show() {
+    if (m_unit == Unit::FILES && ++m_calls % CALLS_A_CLOCK_READING != 0) {
+        return;
+    }
+    const Clock::time_point now = Clock::now();
+    if (now - m_shownAt < INTERVAL) {
+        return;
+    }
+    m_shownAt = now;
+    s_shown = true;
+    const double seconds = std::chrono::duration<double>(now - m_start).count();
+    fmt::print(stderr, "\r\033[K{}", line(seconds));
+    std::fflush(stderr);
+}
+
+std::string Progress::line(double seconds) const {
+    const double rate = static_cast<double>(m_done) / seconds;
+    std::string text = m_title;
+    if (m_total != 0) {
+        const uint64_t done = std::min(m_done, m_total);
+        const double share = static_cast<double>(done) / static_cast<double>(m_total);
+        const auto cells = static_cast<std::size_t>(share * BAR_CELLS);
+        text += fmt::format(" [{:<{}}] {:3.0f} %", std::string(cells, '#'), BAR_CELLS, share * 100);
+        text += fmt::format(", {:.0f} s left", static_cast<double>(m_total - done) / rate);
+    }
+    return m_unit == Unit::FILES ? fmt::format("{}, {} files, {:.0f}/s", text, m_done, rate)
+                                 : fmt::format("{}, {}B, {}B/s", text, humanSize(m_done),
+                                               humanSize(static_cast<uint64_t>(rate)));
+}

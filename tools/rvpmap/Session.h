@@ -1,0 +1,26 @@
+// What every command works with, and the commands themselves, one source file each.
+#ifndef RVPMAP_SESSION_H
+#define RVPMAP_SESSION_H
+
+#include "Options.h"
+#include "Output.h"
+#include "Table.h"
+#include "Volume.h"
+
+struct Session {
+    const Options& options;
+    Volume& volume; // opened, except for `claim`
+    Output output;  // main flushes it
+    Table table;
+};
+
+// Each prints its result and throws ToolError when it cannot go on.
+ExitStatus runClaim(Session& session);
+ExitStatus runInfo(Session& session);
+ExitStatus runList(Session& session);
+ExitStatus runStat(Session& session);
+ExitStatus runExtents(Session& session);
+ExitStatus runExtract(Session& session);
+ExitStatus runCatalog(Session& session);
+
+#endif

@@ -1,0 +1,78 @@
+// One volume as the provider serves it: an instance, the claim and the opened file system.
+//
+// A volume owns its byte source and its provider instance. Files opened from it refer to it and
+// must be gone before it.
+#ifndef RVPMAP_VOLUME_H
+#define RVPMAP_VOLUME_H
+
+#include "ByteSource.h"
+#include "ExitStatus.h"
+#include "Provider.h"
+
+#include <array>
+#include <memory>
+#include <string>
+
+class File;
+
+class Volume {
+  public:
+    // `name` is what the user calls the volume. Throws ToolError.
+    Volume(const Provider& provider, std::unique_ptr<ByteSource> source, const std::string& name);
+    ~Volume();
+    Volume(const Volume&) = delete;
+    Volume& operator=(const Volume&) = delete;
+
+    // Whether the provider recognises a file system. Throws ToolError when it could not look.
+    bool claim();
+    // Claims and opens; throws ToolError, NOT_FOUND when the volume is not claimed.
+    void open();
+
+    const std::string& name() const { return m_name; }
+    const ByteSource& source() const { return *m_source; }
+    const kmp_fs& statistics() const { return m_statistics; }
+    uint64_t rootIndex() const { return m_rootIndex; }
+    std::string label();
+    std::array<uint8_t, 16> uuid();
+
+    // Opens a file by its index and reads its attributes. Throws ToolError.
+    File openFile(uint64_t index);
+
+    const Provider& provider() const { return m_provider; }
+    // Calls an entry point for this volume's instance.
+    template <typename Function, typename... Arguments>
+    int call(Function function, Arguments... arguments) {
+        m_raised.clear();
+        m_readFailure.clear();
+        return function(m_instance, arguments...);
+    }
+    // Why the last call failed: the provider's words and, if there was one, the failed read.
+    std::string reason(int code);
+    // Throws ToolError with `action` and the reason when `code` is not 0.
+    void check(int code, const char* action);
+
+  private:
+    // The host's error handler, first member first, as the provider sees it.
+    struct Handler {
+        kmp_ehandler base;
+        Volume* volume;
+    };
+    static void onError(kmp_ehandler* self, const char* english, const char* localized,
+                        int severity);
+    static bool onRead(void* context, unsigned long offset, unsigned long length, char* buffer);
+    void initInstance();
+
+    const Provider& m_provider;
+    std::unique_ptr<ByteSource> m_source;
+    std::string m_name;
+    Handler m_handler;
+    RvpInstance* m_instance = nullptr;
+    kmp_obj* m_fileSystem = nullptr;
+    kmp_fs m_statistics = {};
+    uint64_t m_rootIndex = 0;
+    std::string m_raised;
+    std::string m_readFailure;
+    bool m_readFailedPastEnd = false;
+};
+
+#endif

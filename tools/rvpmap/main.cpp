@@ -1,0 +1,105 @@
+// rvpmap: looks into volumes as a host of the provider. This file turns the command line into a
+// session, runs the command and turns whatever happened into a message and an exit status.
+#include "Logging.h"
+#include "Messages.h"
+#include "Session.h"
+#include "Signals.h"
+#include "VolumeSource.h"
+
+#include "fso/IFileSystemObjectV1.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <unistd.h>
+
+namespace {
+
+bool wantsColours(Colour colour) {
+    const char* noColour = std::getenv("NO_COLOR");
+    const bool refused = noColour != nullptr && *noColour != '\0';
+    return colour == Colour::ALWAYS ||
+           (colour == Colour::AUTO && !refused && ::isatty(STDOUT_FILENO) == 1);
+}
+
+void warnOfState(const Volume& volume) {
+    const uint64_t state = volume.statistics().state;
+    if ((state & FSO_FS_NEEDS_RECOVERY) != 0) {
+        printMessage(volume.name(), "the journal holds changes that are not in place yet; the "
+                                    "volume is shown as it lies");
+    }
+    if ((state & FSO_FS_HAS_ERRORS) != 0) {
+        printMessage(volume.name(), "the file system is marked as damaged");
+    }
+}
+
+ExitStatus dispatch(Session& session) {
+    switch (session.options.command) {
+    case Command::CLAIM:
+        return runClaim(session);
+    case Command::INFO:
+        return runInfo(session);
+    case Command::LIST:
+        return runList(session);
+    case Command::STAT:
+        return runStat(session);
+    case Command::EXTENTS:
+        return runExtents(session);
+    case Command::EXTRACT:
+        return runExtract(session);
+    case Command::CATALOG:
+        return runCatalog(session);
+    }
+    return ExitStatus::USAGE;
+}
+
+// What was delivered before a failure is printed all the same.
+ExitStatus runAndFlush(Session& session) {
+    try {
+        const ExitStatus status = dispatch(session);
+        session.output.flush();
+        return status;
+    } catch (const ToolError&) {
+        session.output.flush();
+        throw;
+    }
+}
+
+ExitStatus run(const Options& options) {
+    auto source = openVolumeSource(options.volume);
+    const Provider provider(options.root);
+    Volume volume(provider, std::move(source), options.volume);
+    if (options.command != Command::CLAIM) {
+        volume.open();
+        warnOfState(volume);
+    }
+    Session session{options, volume, {}, Table(wantsColours(options.colour))};
+    return runAndFlush(session);
+}
+
+ExitStatus runReported(const Options& options) {
+    try {
+        return run(options);
+    } catch (const ToolError& error) {
+        printMessage(options.volume, error.what());
+        return error.status();
+    } catch (const OutputClosed&) {
+        return ExitStatus::FAILED;
+    } catch (const Interrupted& interrupted) {
+        endBySignal(interrupted.signal());
+    } catch (const std::exception& error) {
+        printMessage(options.volume, error.what());
+        return ExitStatus::FAILED;
+    }
+}
+
+} // namespace
+
+int main(int count, char** arguments) {
+    std::signal(SIGPIPE, SIG_IGN);
+    ExitStatus status = ExitStatus::DONE;
+    if (const auto options = parseOptions(count, arguments, &status)) {
+        setUpLogging(*options);
+        status = runReported(*options);
+    }
+    return static_cast<int>(status);
+}
