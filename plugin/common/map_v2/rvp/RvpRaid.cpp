@@ -9,6 +9,7 @@
 #include <memory>
 #include <new>
 #include <optional>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -128,12 +129,20 @@ bool isMappableLevel(std::uint32_t level) {
     }
 }
 
+// Names of disks differ in their last character as a rule; a look at it saves most comparisons.
+bool sameName(std::string_view a, std::string_view b) {
+    return a.size() == b.size() &&
+           (a.empty() || (a.back() == b.back() && std::memcmp(a.data(), b.data(), a.size()) == 0));
+}
+
 bool holdsVolume(const RaidVolume& array, const RvpVolume& volume) {
-    return std::any_of(
-        array.members.begin(), array.members.end(), [&](const RaidSubdisk& member) {
-            return member.disk.name == volume.diskName &&
-                   raidPartition(member.disk).startSector == volume.partitionStart;
-        });
+    for (const RaidSubdisk& member : array.members) {
+        if (sameName(member.disk.name, volume.diskName) &&
+            raidPartition(member.disk).startSector == volume.partitionStart) {
+            return true;
+        }
+    }
+    return false;
 }
 
 // A member on its way into the segments, and how many chunks its partition holds.
@@ -190,6 +199,20 @@ void completeAt(RvpRaid& raid, RaidVolume& volume, std::uint32_t raidDisks, std:
     }
 }
 
+struct Division {
+    std::uint64_t quotient;
+    std::uint64_t remainder;
+};
+
+// Processors divide 32 bits faster than 64, and most dividends here fit.
+inline Division divide(std::uint64_t value, std::uint32_t divisor) {
+    if (value <= UINT32_MAX) {
+        const auto narrow = static_cast<std::uint32_t>(value);
+        return {narrow / divisor, narrow % divisor};
+    }
+    return {value / divisor, value % divisor};
+}
+
 // A byte address of an array, by chunks.
 struct ChunkPlace {
     std::uint64_t chunk;
@@ -199,8 +222,9 @@ struct ChunkPlace {
     ChunkPlace(const RaidVolume& volume, std::uint64_t address)
         : chunkSectors(volume.chunkSize / static_cast<std::uint32_t>(SECTOR_SIZE)) {
         const std::uint64_t sector = address / SECTOR_SIZE;
-        chunk = sector / chunkSectors;
-        inChunk = sector % chunkSectors;
+        const Division chunks = divide(sector, chunkSectors);
+        chunk = chunks.quotient;
+        inChunk = chunks.remainder;
     }
 
     // The address on a member of the same place in its chunk `memberChunk`.
@@ -219,8 +243,11 @@ struct ParityPlace {
     std::uint64_t stripe;
     std::uint64_t dataIndex; // which of the stripe's data chunks, 0 to dataDisks - 1
 
-    ParityPlace(std::uint64_t chunk, std::uint32_t dataDisks)
-        : stripe(chunk / dataDisks), dataIndex(chunk % dataDisks) {}
+    ParityPlace(std::uint64_t chunk, std::uint32_t dataDisks) {
+        const Division stripes = divide(chunk, dataDisks);
+        stripe = stripes.quotient;
+        dataIndex = stripes.remainder;
+    }
 };
 
 std::optional<std::uint64_t> raid5Role(const RaidVolume& volume, ParityPlace place) {
@@ -228,16 +255,16 @@ std::optional<std::uint64_t> raid5Role(const RaidVolume& volume, ParityPlace pla
     const std::uint32_t dataDisks = disks - 1;
     const std::uint32_t disksPlusOne = disks + 1;
     const std::uint64_t data = place.dataIndex;
-    const std::uint64_t parity = place.stripe % disks;
+    const std::uint64_t parity = divide(place.stripe, disks).remainder;
     switch (volume.layout) {
     case 0: // left asymmetric
         return data >= dataDisks - parity ? data + 1 : data;
     case 1: // right asymmetric
         return data >= parity ? data + 1 : data;
     case 2: // left symmetric
-        return (parity * dataDisks + data) % disks;
+        return divide(parity * dataDisks + data, disks).remainder;
     case 3: // right symmetric
-        return (data + parity * disksPlusOne + 1) % disks;
+        return divide(data + parity * disksPlusOne + 1, disks).remainder;
     default:
         return std::nullopt;
     }
@@ -251,7 +278,7 @@ std::optional<std::uint64_t> raid6Role(const RaidVolume& volume, ParityPlace pla
     const std::uint32_t lastDisk = disks - 1;
     const std::uint32_t disksPlusOne = disks + 1;
     const std::uint64_t data = place.dataIndex;
-    const std::uint64_t turn = (place.stripe + lastDisk) % disks;
+    const std::uint64_t turn = divide(place.stripe + lastDisk, disks).remainder;
     switch (volume.layout) {
     case 0:
         if (turn == lastDisk) {
@@ -263,18 +290,17 @@ std::optional<std::uint64_t> raid6Role(const RaidVolume& volume, ParityPlace pla
         return role >= turn ? role + 2 : role;
     }
     case 2:
-        return (lastDisk * turn + data) % disks;
+        return divide(lastDisk * turn + data, disks).remainder;
     case 3:
-        return (data + turn * disksPlusOne + 2) % disks;
+        return divide(data + turn * disksPlusOne + 2, disks).remainder;
     default:
         return std::nullopt;
     }
 }
 
 RaidSubdisk* findMember(RaidVolume& volume, std::uint64_t role) {
-    const auto found =
-        std::find_if(volume.members.begin(), volume.members.end(),
-                     [&](const RaidSubdisk& member) { return member.role == role; });
+    const auto found = std::find_if(volume.members.begin(), volume.members.end(),
+                                    [&](const RaidSubdisk& member) { return member.role == role; });
     return found == volume.members.end() ? nullptr : &*found;
 }
 
@@ -325,9 +351,8 @@ void RvpRaid::addPartitionToVolume(RvpDisk& disk, md_superblock_s* superblock) {
         return;
     }
     const auto volume =
-        std::find_if(m_volumes.begin(), m_volumes.end(), [&](const RaidVolume& one) {
-            return one.setWord == superblock->set_uuid0;
-        });
+        std::find_if(m_volumes.begin(), m_volumes.end(),
+                     [&](const RaidVolume& one) { return one.setWord == superblock->set_uuid0; });
     if (volume == m_volumes.end()) {
         createVolume(disk, superblock);
         return;

@@ -29,8 +29,8 @@
 
 // A partition as the host describes it.
 struct RvpPartition {
-    unsigned char lead[8] = {};      // the host's but for byte 2, the partition type
-    std::uint64_t startSector = 0;   // on its disk
+    unsigned char lead[8] = {};    // the host's but for byte 2, the partition type
+    std::uint64_t startSector = 0; // on its disk
     std::uint64_t sectorCount = 0;
 };
 
@@ -58,23 +58,23 @@ struct RaidSubdisk {
 
 // A zone of a striped array over which the same members take part.
 struct Raid_0_Segment {
-    std::uint64_t chunks = 0; // of all members together
+    std::uint64_t chunks = 0;       // of all members together
     std::list<RaidSubdisk> members; // copies, in role order
 };
 
 // An array. It keeps the values of the superblock that its first member brought.
 struct RaidVolume {
     bool complete = false;
-    std::uint32_t arrayNumber = 0;  // 0xFFFFFFFF for a named array without a number
-    std::string deviceName;         // "/dev/md3", "/dev/md_backup"
-    std::uint32_t setWord = 0;      // version 0.90: first word of the set's UUID; 1.0: 0
+    std::uint32_t arrayNumber = 0; // 0xFFFFFFFF for a named array without a number
+    std::string deviceName;        // "/dev/md3", "/dev/md_backup"
+    std::uint32_t setWord = 0;     // version 0.90: first word of the set's UUID; 1.0: 0
     std::uint32_t majorVersion = 0;
     std::uint32_t level = 0;
-    std::uint32_t layout = 0;       // levels 5 and 6: the parity algorithm, 0 to 3
+    std::uint32_t layout = 0; // levels 5 and 6: the parity algorithm, 0 to 3
     std::uint32_t raidDisks = 0;
-    std::uint32_t chunkSize = 0;    // bytes
-    char setName[32] = {};          // version 1.0, not always terminated; 0.90: zero
-    std::list<RaidSubdisk> members; // by role, equal roles as they came
+    std::uint32_t chunkSize = 0;        // bytes
+    char setName[32] = {};              // version 1.0, not always terminated; 0.90: zero
+    std::list<RaidSubdisk> members;     // by role, equal roles as they came
     std::list<Raid_0_Segment> segments; // of a complete array of level 0 or 10
 };
 
@@ -216,15 +216,13 @@ class RvpRaid {
                                RvpDisk** disk, unsigned long* partitionStart);
 
     // The same for one level. They throw instead of reporting, and write nothing when they do.
-    void calculateStripePartitionRun(RaidVolume& volume, unsigned long offset,
-                                     unsigned long length, unsigned long& memberOffset,
-                                     unsigned long& runLength, RvpDisk** disk,
-                                     unsigned long* partitionStart);
+    void calculateStripePartitionRun(RaidVolume& volume, unsigned long offset, unsigned long length,
+                                     unsigned long& memberOffset, unsigned long& runLength,
+                                     RvpDisk** disk, unsigned long* partitionStart);
     // The first member of the array, which must have one, holds all of it.
-    void calculateMirrorPartitionRun(RaidVolume& volume, unsigned long offset,
-                                     unsigned long length, unsigned long& memberOffset,
-                                     unsigned long& runLength, RvpDisk** disk,
-                                     unsigned long* partitionStart);
+    void calculateMirrorPartitionRun(RaidVolume& volume, unsigned long offset, unsigned long length,
+                                     unsigned long& memberOffset, unsigned long& runLength,
+                                     RvpDisk** disk, unsigned long* partitionStart);
     // Writes nothing and throws nothing when the member is missing.
     void calculateRaid4PartitionRun(RaidVolume& volume, unsigned long offset, unsigned long length,
                                     unsigned long& memberOffset, unsigned long& runLength,
@@ -235,10 +233,9 @@ class RvpRaid {
     void calculateRaid6PartitionRun(RaidVolume& volume, unsigned long offset, unsigned long length,
                                     unsigned long& memberOffset, unsigned long& runLength,
                                     RvpDisk** disk, unsigned long* partitionStart);
-    void calculateRaid10PartitionRun(RaidVolume& volume, unsigned long offset,
-                                     unsigned long length, unsigned long& memberOffset,
-                                     unsigned long& runLength, RvpDisk** disk,
-                                     unsigned long* partitionStart);
+    void calculateRaid10PartitionRun(RaidVolume& volume, unsigned long offset, unsigned long length,
+                                     unsigned long& memberOffset, unsigned long& runLength,
+                                     RvpDisk** disk, unsigned long* partitionStart);
 
     // Finds a chunk of the array in the segments: the member and which of its chunks it is. Throws
     // past the last segment; `memberChunk` then counts the chunks of all segments on a member.
@@ -254,7 +251,8 @@ class RvpRaid {
 // records have no standard layout; the compilers know their offsets all the same.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Winvalid-offsetof"
-static_assert(offsetof(RvpPartition, startSector) == 8 && offsetof(RvpPartition, sectorCount) == 16);
+static_assert(offsetof(RvpPartition, startSector) == 8 &&
+              offsetof(RvpPartition, sectorCount) == 16);
 static_assert(sizeof(RvpPartition) == 24);
 static_assert(offsetof(RvpDisk, name) == 32 && offsetof(RvpDisk, callerWord) == 64);
 static_assert(offsetof(RvpDisk, partitions) == 72 && offsetof(RvpDisk, callerTail) == 96);
