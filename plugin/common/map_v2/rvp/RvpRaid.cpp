@@ -1,6 +1,7 @@
 #include "RvpRaid.h"
 
 #include "Error.h"
+#include "RaidLayout.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -17,8 +18,7 @@ namespace {
 
 constexpr int RAID_ERROR = 1;
 
-constexpr std::uint64_t SECTOR_SIZE = 512;
-constexpr std::uint64_t SUPERBLOCK_SECTORS = MD_SUPERBLOCK_SIZE / SECTOR_SIZE;
+constexpr std::uint64_t SUPERBLOCK_SECTORS = MD_SUPERBLOCK_SIZE / MD_SECTOR_SIZE;
 
 // Version 0.90 lies in the last whole 64 KiB block of the partition.
 constexpr std::uint64_t V090_ALIGNMENT_SECTORS = 128;
@@ -153,7 +153,7 @@ struct StripeMember {
 
 // The members from the first on, `stride` apart.
 std::vector<StripeMember> stripeMembers(const RaidVolume& volume, std::size_t stride) {
-    const std::uint64_t chunkSectors = volume.chunkSize / SECTOR_SIZE;
+    const std::uint64_t chunkSectors = volume.chunkSize / MD_SECTOR_SIZE;
     std::vector<StripeMember> members;
     std::size_t place = 0;
     for (const RaidSubdisk& member : volume.members) {
@@ -196,105 +196,6 @@ void completeAt(RvpRaid& raid, RaidVolume& volume, std::uint32_t raidDisks, std:
         raid.setupStriping(volume);
     } else if (level == 10) {
         raid.setupRAID10Striping(volume);
-    }
-}
-
-struct Division {
-    std::uint64_t quotient;
-    std::uint64_t remainder;
-};
-
-// Processors divide 32 bits faster than 64, and most dividends here fit.
-inline Division divide(std::uint64_t value, std::uint32_t divisor) {
-    if (value <= UINT32_MAX) {
-        const auto narrow = static_cast<std::uint32_t>(value);
-        return {narrow / divisor, narrow % divisor};
-    }
-    return {value / divisor, value % divisor};
-}
-
-// A byte address of an array, by chunks.
-struct ChunkPlace {
-    std::uint64_t chunk;
-    std::uint64_t inChunk; // sectors
-    std::uint32_t chunkSectors;
-
-    ChunkPlace(const RaidVolume& volume, std::uint64_t address)
-        : chunkSectors(volume.chunkSize / static_cast<std::uint32_t>(SECTOR_SIZE)) {
-        const std::uint64_t sector = address / SECTOR_SIZE;
-        const Division chunks = divide(sector, chunkSectors);
-        chunk = chunks.quotient;
-        inChunk = chunks.remainder;
-    }
-
-    // The address on a member of the same place in its chunk `memberChunk`.
-    std::uint64_t memberOffset(std::uint64_t memberChunk) const {
-        return (inChunk + chunkSectors * memberChunk) * SECTOR_SIZE;
-    }
-
-    // What is left of the chunk, at most `length`, in whole sectors.
-    std::uint64_t runLength(std::uint64_t length) const {
-        return std::min(length / SECTOR_SIZE, chunkSectors - inChunk) * SECTOR_SIZE;
-    }
-};
-
-// Where a parity array keeps a chunk of data.
-struct ParityPlace {
-    std::uint64_t stripe;
-    std::uint64_t dataIndex; // which of the stripe's data chunks, 0 to dataDisks - 1
-
-    ParityPlace(std::uint64_t chunk, std::uint32_t dataDisks) {
-        const Division stripes = divide(chunk, dataDisks);
-        stripe = stripes.quotient;
-        dataIndex = stripes.remainder;
-    }
-};
-
-std::optional<std::uint64_t> raid5Role(const RaidVolume& volume, ParityPlace place) {
-    const std::uint32_t disks = volume.raidDisks;
-    const std::uint32_t dataDisks = disks - 1;
-    const std::uint32_t disksPlusOne = disks + 1;
-    const std::uint64_t data = place.dataIndex;
-    const std::uint64_t parity = divide(place.stripe, disks).remainder;
-    switch (volume.layout) {
-    case 0: // left asymmetric
-        return data >= dataDisks - parity ? data + 1 : data;
-    case 1: // right asymmetric
-        return data >= parity ? data + 1 : data;
-    case 2: // left symmetric
-        return divide(parity * dataDisks + data, disks).remainder;
-    case 3: // right symmetric
-        return divide(data + parity * disksPlusOne + 1, disks).remainder;
-    default:
-        return std::nullopt;
-    }
-}
-
-// Layouts 1 and 3 place the parity one member beside where the kernel's arrays have it; hosts rely
-// on these roles.
-std::optional<std::uint64_t> raid6Role(const RaidVolume& volume, ParityPlace place) {
-    const std::uint32_t disks = volume.raidDisks;
-    const std::uint32_t dataDisks = disks - 2;
-    const std::uint32_t lastDisk = disks - 1;
-    const std::uint32_t disksPlusOne = disks + 1;
-    const std::uint64_t data = place.dataIndex;
-    const std::uint64_t turn = divide(place.stripe + lastDisk, disks).remainder;
-    switch (volume.layout) {
-    case 0:
-        if (turn == lastDisk) {
-            return data + 1;
-        }
-        return data >= dataDisks - turn ? data + 2 : data;
-    case 1: {
-        const std::uint64_t role = turn == lastDisk ? data + 1 : data;
-        return role >= turn ? role + 2 : role;
-    }
-    case 2:
-        return divide(lastDisk * turn + data, disks).remainder;
-    case 3:
-        return divide(data + turn * disksPlusOne + 2, disks).remainder;
-    default:
-        return std::nullopt;
     }
 }
 
@@ -406,7 +307,7 @@ void RvpRaid::createVolume_v1(RvpDisk& disk, md_superblock_v1_s* superblock) {
     volume.level = superblock->level;
     volume.layout = superblock->layout;
     volume.raidDisks = superblock->raid_disks;
-    volume.chunkSize = superblock->chunksize * static_cast<std::uint32_t>(SECTOR_SIZE);
+    volume.chunkSize = superblock->chunksize * static_cast<std::uint32_t>(MD_SECTOR_SIZE);
 
     m_volumes.push_back(std::move(volume));
 }
@@ -491,7 +392,7 @@ void RvpRaid::calculateStripePartitionRun(RaidVolume& volume, unsigned long offs
                                           unsigned long length, unsigned long& memberOffset,
                                           unsigned long& runLength, RvpDisk** disk,
                                           unsigned long* partitionStart) {
-    const ChunkPlace place(volume, offset);
+    const ChunkPlace place(volume.chunkSize, offset);
     unsigned long memberChunk = 0;
     getChunkOffset(volume, place.chunk, memberChunk, disk, partitionStart);
     memberOffset = place.memberOffset(memberChunk);
@@ -511,7 +412,7 @@ void RvpRaid::calculateRaid4PartitionRun(RaidVolume& volume, unsigned long offse
                                          unsigned long length, unsigned long& memberOffset,
                                          unsigned long& runLength, RvpDisk** disk,
                                          unsigned long* partitionStart) {
-    const ChunkPlace place(volume, offset);
+    const ChunkPlace place(volume.chunkSize, offset);
     const ParityPlace parityPlace(place.chunk, volume.raidDisks - 1);
     RaidSubdisk* member = findMember(volume, parityPlace.dataIndex);
     if (member == nullptr) {
@@ -526,9 +427,10 @@ void RvpRaid::calculateRaid5PartitionRun(RaidVolume& volume, unsigned long offse
                                          unsigned long length, unsigned long& memberOffset,
                                          unsigned long& runLength, RvpDisk** disk,
                                          unsigned long* partitionStart) {
-    const ChunkPlace place(volume, offset);
+    const ChunkPlace place(volume.chunkSize, offset);
     const ParityPlace parityPlace(place.chunk, volume.raidDisks - 1);
-    const std::optional<std::uint64_t> role = raid5Role(volume, parityPlace);
+    const std::optional<std::uint64_t> role =
+        raid5Role(volume.layout, volume.raidDisks, parityPlace);
     VERIFY_ORMA(role.has_value(), RAID_ERROR);
     RaidSubdisk* member = findMember(volume, *role);
     VERIFY_ORMA(member != nullptr, RAID_ERROR);
@@ -541,9 +443,10 @@ void RvpRaid::calculateRaid6PartitionRun(RaidVolume& volume, unsigned long offse
                                          unsigned long length, unsigned long& memberOffset,
                                          unsigned long& runLength, RvpDisk** disk,
                                          unsigned long* partitionStart) {
-    const ChunkPlace place(volume, offset);
+    const ChunkPlace place(volume.chunkSize, offset);
     const ParityPlace parityPlace(place.chunk, volume.raidDisks - 2);
-    const std::optional<std::uint64_t> role = raid6Role(volume, parityPlace);
+    const std::optional<std::uint64_t> role =
+        raid6Role(volume.layout, volume.raidDisks, parityPlace);
     VERIFY_ORMA(role.has_value(), RAID_ERROR);
     RaidSubdisk* member = findMember(volume, *role);
     VERIFY_ORMA(member != nullptr, RAID_ERROR);
