@@ -56,7 +56,9 @@ TEST(RaidProbe, ReadsBothPlacesOfThePartition) {
     for (const auto& one : cases) {
         RvpRaid raid;
         ProbedDisk probed;
-        probed.probe(raid, makeDisk("a", one.start, one.length));
+        RvpDisk disk = makeDisk("a", one.start, one.length);
+        disk.partitions.push_back({{}, 7000, 256}); // not looked at
+        probed.probe(raid, disk);
         EXPECT_THAT(probed.sectors, ElementsAre(one.v090, one.v10)) << one.length;
     }
 }
@@ -83,15 +85,6 @@ TEST(RaidProbe, AddsTheMemberThatTheSuperblockDescribes) {
     EXPECT_THAT(raid.getRaidVolume(4), NotNull());
 }
 
-TEST(RaidProbe, LooksOnlyAtTheFirstPartition) {
-    RvpRaid raid;
-    ProbedDisk probed;
-    RvpDisk disk = makeDisk("a", 0, 128);
-    disk.partitions.push_back({{}, 5000, 256});
-    probed.probe(raid, disk);
-    EXPECT_THAT(probed.sectors, ElementsAre(0, 112));
-}
-
 TEST(RaidProbe, ReportsARefusedReadAndChangesNothing) {
     for (const std::size_t failing : {1U, 2U}) {
         HostEar ear;
@@ -103,14 +96,7 @@ TEST(RaidProbe, ReportsARefusedReadAndChangesNothing) {
         probed.probe(raid, makeDisk("a", 2048, 0));
         EXPECT_EQ(probed.sectors.size(), failing);
         EXPECT_EQ(raid.getMaxArrayNumber(), 0U);
-        EXPECT_THAT(ear.errors, ElementsAre("Internal error in liborma (2)"));
-        const auto told =
-            testing::ContainsRegex("log:Error:[0-9]+ <WARN> : Error: 0x00000001 occured in file "
-                                   "plugin/common/map_v2/rvp/RvpRaid, at line [0-9]+\n");
-        EXPECT_THAT(ear.lines,
-                    ElementsAre(testing::ContainsRegex("addMbrPartition:RvpRaid:[0-9]+ <ERROR> : "
-                                                       "Exception: VERIFY_ORMA_BOOL\n"),
-                                told, told));
+        ear.expectReport("addMbrPartition", "VERIFY_ORMA_BOOL");
     }
 }
 

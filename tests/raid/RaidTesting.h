@@ -7,6 +7,8 @@
 #include "RvpRaid.h"
 #include "kmhost.h"
 
+#include <gmock/gmock.h>
+
 #include <array>
 #include <cstring>
 #include <optional>
@@ -84,20 +86,16 @@ inline RvpDisk makeDisk(const std::string& name, std::uint64_t start = 2048,
     return disk;
 }
 
-// Adds one member by each name, in roles 0, 1, ...
-inline void addV090(RvpRaid& raid, SuperblockValues values, const std::vector<RvpDisk>& disks) {
+// Add the disks as members in roles 0, 1, ...
+inline void addV090(RvpRaid& raid, SuperblockValues values, std::vector<RvpDisk> disks) {
     for (values.role = 0; values.role < disks.size(); ++values.role) {
-        RvpDisk disk = disks[values.role];
-        raid.addPartitionToVolume(disk, v090Bytes(values).v090());
+        raid.addPartitionToVolume(disks[values.role], v090Bytes(values).v090());
     }
 }
-
-inline std::vector<std::uint32_t> rolesOf(const RaidVolume& volume) {
-    std::vector<std::uint32_t> roles;
-    for (const RaidSubdisk& member : volume.members) {
-        roles.push_back(member.role);
+inline void addV1(RvpRaid& raid, SuperblockValues values, std::vector<RvpDisk> disks) {
+    for (values.role = 0; values.role < disks.size(); ++values.role) {
+        raid.addPartitionToVolume_v1(disks[values.role], v1Bytes(values).v1());
     }
-    return roles;
 }
 
 inline std::vector<std::string> namesOf(const std::list<RaidSubdisk>& members) {
@@ -155,6 +153,19 @@ class HostEar {
     }
     HostEar(const HostEar&) = delete;
     HostEar& operator=(const HostEar&) = delete;
+
+    // One error of code 1 reported: raised with a line of the operation, told to the host, logged
+    // for it and once more.
+    void expectReport(const std::string& function, const std::string& check) const {
+        using testing::ContainsRegex;
+        EXPECT_THAT(errors, testing::ElementsAre("Internal error in liborma (2)"));
+        const auto told =
+            ContainsRegex("log:Error:[0-9]+ <WARN> : Error: 0x00000001 occured in file "
+                          "plugin/common/map_v2/rvp/RvpRaid, at line [0-9]+\n");
+        const auto raised =
+            ContainsRegex(function + ":RvpRaid:[0-9]+ <ERROR> : Exception: " + check + "\n");
+        EXPECT_THAT(lines, testing::ElementsAre(raised, told, told));
+    }
 
     std::vector<std::string> lines;
     std::vector<std::string> errors; // text and severity
