@@ -185,8 +185,8 @@ void appendSegments(RaidVolume& volume, std::vector<StripeMember> members) {
     }
 }
 
-// Completes an array that has grown to the number of disks that its newest member's superblock
-// counts, and only then: by equality, so that a complete array stays as it is.
+// Completes an array that has grown to just the number of disks that its newest member's superblock
+// counts. Members beyond that number join it and change nothing else.
 void completeAt(RvpRaid& raid, RaidVolume& volume, std::uint32_t raidDisks, std::uint32_t level) {
     if (volume.members.size() != raidDisks) {
         return;
