@@ -20,14 +20,14 @@ namespace {
 constexpr unsigned long WORD_BITS = 64;
 constexpr unsigned long WORD_BYTES = 8;
 // So many words are compared at once in long runs.
-constexpr unsigned long BLOCK_WORDS = 8;
+constexpr unsigned long BLOCK_WORDS = 16;
 
 constexpr int PATH_SIZE = 260;
 constexpr unsigned long FILE_SIZE_FACTOR = 10;
 constexpr unsigned long DEFAULT_PAGE_SIZE = 4096;
 
 // On the heap the sector equal to the number of sectors needs a word of its own when the sectors
-// fill the last word.
+// fill the last word; a scan looks one word ahead.
 constexpr unsigned long HEAP_PADDING = WORD_BYTES;
 
 struct CloseFile {
@@ -42,6 +42,34 @@ constexpr unsigned long sizeOfArray(unsigned long sectors) {
     return (sectors / WORD_BITS + (sectors % WORD_BITS != 0 ? 1 : 0)) * WORD_BYTES;
 }
 static_assert(sizeOfArray(100) == 16 && sizeOfArray(128) == 16 && sizeOfArray(~0UL) == 1UL << 61);
+
+// Two words in a register that every x86-64 has.
+using WordPair = std::uint64_t __attribute__((vector_size(16)));
+
+WordPair pairAt(const std::uint8_t* bytes, unsigned long index) {
+    WordPair pair;
+    std::memcpy(&pair, bytes + index * sizeof pair, sizeof pair);
+    return pair;
+}
+
+// Whether all BLOCK_WORDS words are `equal`. Written out: a loop would stay one at -O2.
+bool blockIs(const std::uint8_t* block, std::uint64_t equal) {
+    const WordPair e = {equal, equal};
+    const WordPair differing = ((pairAt(block, 0) ^ e) | (pairAt(block, 1) ^ e)) |
+                               ((pairAt(block, 2) ^ e) | (pairAt(block, 3) ^ e)) |
+                               ((pairAt(block, 4) ^ e) | (pairAt(block, 5) ^ e)) |
+                               ((pairAt(block, 6) ^ e) | (pairAt(block, 7) ^ e));
+    return (differing[0] | differing[1]) == 0;
+}
+
+// The zero bits below the lowest one that is set, of `lowWidth` bits and then those of `high`; one
+// is set. Runs end in one word as often as in the next, so a jump here would be mispredicted half
+// of the time: hence the mask, and a count that does not test for 0 again.
+unsigned long zerosBelow(std::uint64_t low, unsigned long lowWidth, std::uint64_t high) {
+    const std::uint64_t lowIsZero = ((low | (0 - low)) >> (WORD_BITS - 1)) - 1; // a mask
+    const auto zeros = static_cast<unsigned long>(__builtin_ctzl(low | (high & lowIsZero)));
+    return (lowWidth & lowIsZero) + zeros;
+}
 
 constexpr unsigned lowBits(unsigned long count) {
     return (1U << count) - 1;
@@ -209,47 +237,46 @@ unsigned long RvpBitmap::getExtent(unsigned long start, unsigned long count, boo
         return std::min(count, m_sectors);
     }
     VERIFY_ORMA_BOOL(m_bits != nullptr, KMP_EINVAL);
-    set = isSet(start);
-    return endOfRun(start, start + count, set) - start;
+    // Bits beyond the region may be looked at, those of the padding word included, but the result
+    // is never beyond it, and so never behind the last sector.
+    const unsigned long first = start / WORD_BITS;
+    const unsigned long offset = start % WORD_BITS;
+    const std::uint64_t word = wordAt(first) >> offset;
+    const std::uint64_t equal = 0 - (word & 1); // all ones or zero
+    const std::uint64_t here = word ^ (equal >> offset);
+    const std::uint64_t next = wordAt(first + 1) ^ equal;
+    set = equal != 0;
+    const unsigned long run = (here | next) != 0
+                                  ? zerosBelow(here, WORD_BITS - offset, next)
+                                  : firstOther(first + 2, start + count, equal) - start;
+    return std::min(run, count);
 }
 
-// The first sector from `start` on that is not `set`, or `end`. Bits of the last word beyond `end`
-// may be read, but the result is never beyond it, and so never behind the last sector.
-unsigned long RvpBitmap::endOfRun(unsigned long start, unsigned long end, bool set) const {
-    const std::uint64_t equal = set ? ~std::uint64_t{0} : 0;
+// The first sector from word `first` on whose bit is not as in `equal`, or one from `end` on.
+unsigned long RvpBitmap::firstOther(unsigned long first, unsigned long end,
+                                    std::uint64_t equal) const {
     const unsigned long endWord = (end - 1) / WORD_BITS + 1;
-    unsigned long word = start / WORD_BITS;
-    std::uint64_t differing = (wordAt(word) ^ equal) & (~std::uint64_t{0} << start % WORD_BITS);
-    if (differing == 0) {
-        word = skipWords(word + 1, endWord, equal);
-        if (word == endWord) {
-            return end;
-        }
-        differing = wordAt(word) ^ equal;
+    if (first >= endWord) {
+        return end;
     }
-    const auto bit = static_cast<unsigned long>(std::countr_zero(differing));
-    return std::min(word * WORD_BITS + bit, end);
+    const unsigned long word = skipWords(first, endWord, equal);
+    if (word == endWord) {
+        return end;
+    }
+    return word * WORD_BITS + static_cast<unsigned long>(std::countr_zero(wordAt(word) ^ equal));
 }
 
 // The first word from `first` on that is not `equal`, or `end`.
 unsigned long RvpBitmap::skipWords(unsigned long first, unsigned long end,
                                    std::uint64_t equal) const {
     unsigned long word = first;
-    const unsigned long firstBlock = std::min(roundUp(first, BLOCK_WORDS), end);
-    while (word < firstBlock && wordAt(word) == equal) {
-        ++word;
-    }
-    if (word < firstBlock) {
-        return word;
-    }
-    for (; end - word >= BLOCK_WORDS; word += BLOCK_WORDS) {
-        std::uint64_t differing = 0;
-        for (unsigned long i = 0; i < BLOCK_WORDS; ++i) {
-            differing |= wordAt(word + i) ^ equal;
+    for (const unsigned long nearEnd = std::min(first + BLOCK_WORDS, end); word < nearEnd; ++word) {
+        if (wordAt(word) != equal) {
+            return word;
         }
-        if (differing != 0) {
-            break;
-        }
+    }
+    while (end - word >= BLOCK_WORDS && blockIs(m_bits + word * WORD_BYTES, equal)) {
+        word += BLOCK_WORDS;
     }
     while (word < end && wordAt(word) == equal) {
         ++word;

@@ -113,7 +113,7 @@ class RvpBitmap : public RvpMap {
         return word;
     }
     unsigned long skipWords(unsigned long first, unsigned long end, std::uint64_t equal) const;
-    unsigned long endOfRun(unsigned long start, unsigned long end, bool set) const;
+    unsigned long firstOther(unsigned long first, unsigned long end, std::uint64_t equal) const;
     void fill(unsigned long start, unsigned long count, bool set);
     void fillByteBits(unsigned long byte, unsigned mask, bool set);
 
