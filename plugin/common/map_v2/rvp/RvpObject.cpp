@@ -35,7 +35,8 @@ RvpInterface::~RvpInterface() {
         }
         delete library;
     }
-    functions = {};
+    // A plain assignment would be dropped as dead.
+    explicit_bzero(&functions, sizeof functions);
 }
 
 ObjectType::~ObjectType() = default;
