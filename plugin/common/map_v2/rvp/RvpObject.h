@@ -6,9 +6,9 @@
 // operation that the lower provider lacks. A result other than 0 is logged on its way out, 4 at
 // level 4 and the others at level 2.
 //
-// A null object or handle from a lower provider that reports success, and a factory that makes
-// nothing, log "Exception: VERIFY_PTR\n" and throw OrmaError(3); out-arguments are then untouched
-// and the lower object stays open.
+// A null object, record or handle from a lower provider that reports success, and a factory that
+// makes nothing, log "Exception: VERIFY_PTR\n" and throw OrmaError(3); out-arguments are then
+// untouched and the lower object stays open.
 //
 // The order of fields and virtual operations is part of the binary interface.
 #ifndef RVP_RVPOBJECT_H
