@@ -1,0 +1,370 @@
+// The bitmap beside a plain model, its layout, its refusals and its dump.
+#include "BitmapTesting.h"
+
+#include <cstring>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+const bool LOGGING = (km_debug_level = 1) != 0;
+
+using testing::Range;
+using testing::TestWithParam;
+using testing::ValuesIn;
+
+// A bitmap and the std::vector<bool> that it must agree with.
+class Modelled {
+  public:
+    Modelled(int kind, unsigned long sectors) : bitmap(kind), model(sectors, false) {
+        bitmap.init(sectors, true, 0, "dorado_bitmap_test");
+        if (sectors != 0) {
+            bitmap.clearRegion(0, sectors);
+        }
+    }
+
+    void fill(unsigned long start, unsigned long count, bool set) {
+        set ? bitmap.setRegion(start, count) : bitmap.clearRegion(start, count);
+        for (unsigned long sector = start; sector < start + count; ++sector) {
+            model[sector] = set;
+        }
+    }
+
+    void expectRun(unsigned long start, unsigned long count) {
+        const bool expectedSet = model[start];
+        unsigned long expected = 0;
+        while (expected < count && model[start + expected] == expectedSet) {
+            ++expected;
+        }
+        bool set = !expectedSet;
+        ASSERT_EQ(bitmap.getExtent(start, count, set), expected) << start << " " << count;
+        ASSERT_EQ(set, expectedSet) << start;
+    }
+
+    void expectEqual() {
+        for (unsigned long sector = 0; sector < model.size(); ++sector) {
+            ASSERT_EQ(bitmap.isSet(sector), model[sector]) << sector;
+        }
+    }
+
+    RvpBitmap bitmap;
+    std::vector<bool> model;
+};
+
+class BitmapKinds : public TestWithParam<int> {};
+INSTANTIATE_TEST_SUITE_P(Storage, BitmapKinds, ValuesIn(KINDS));
+
+// Every start and every length around three words, in a region that differs from what surrounds it,
+// looked at from every sector: all the ways in which a run can begin, cross words and end.
+TEST_P(BitmapKinds, RegionsAtEveryAlignment) {
+    constexpr unsigned long SECTORS = 64 * 4 + 5;
+    Modelled tested(GetParam(), SECTORS);
+    for (const bool set : {true, false}) {
+        for (unsigned long start = 0; start < 72; ++start) {
+            for (unsigned long count = 1; start + count <= SECTORS; count += 1 + count / 9) {
+                tested.fill(0, SECTORS, !set);
+                tested.fill(start, count, set);
+                tested.expectEqual();
+                for (unsigned long from = 0; from < SECTORS; from += 13) {
+                    tested.expectRun(from, SECTORS - from);
+                }
+                tested.expectRun(start, count);
+                tested.expectRun(start, count / 2 + 1);
+                if (HasFatalFailure()) {
+                    return;
+                }
+            }
+        }
+    }
+}
+
+// Sizes on both sides of bytes, words and the blocks of long runs.
+TEST_P(BitmapKinds, RandomOperationsAgreeWithTheModel) {
+    std::mt19937_64 random(20240229);
+    const auto upTo = [&random](unsigned long limit) { return random() % (limit + 1); };
+    for (const unsigned long sectors : {1UL, 7UL, 8UL, 63UL, 64UL, 65UL, 1000UL, 4096UL, 9999UL}) {
+        Modelled tested(GetParam(), sectors);
+        EXPECT_EQ(tested.bitmap.getSize(), (sectors + 63) / 64 * 8);
+        for (int step = 0; step < 3000; ++step) {
+            const unsigned long start = upTo(sectors - 1);
+            const unsigned long rest = sectors - start;
+            const unsigned long count = 1 + upTo(random() % 4 == 0 ? rest - 1 : (rest - 1) % 130);
+            switch (random() % 4) {
+            case 0:
+                tested.bitmap.setBit(start);
+                tested.model[start] = true;
+                break;
+            case 1:
+                tested.fill(start, count, random() % 2 == 0);
+                break;
+            default:
+                tested.expectRun(start, count);
+                tested.expectRun(start, rest);
+            }
+            if (HasFatalFailure()) {
+                return;
+            }
+        }
+        tested.expectEqual();
+    }
+}
+
+TEST_P(BitmapKinds, LongRunsEndAtTheirFirstOtherBit) {
+    constexpr unsigned long SECTORS = 1UL << 20;
+    Modelled tested(GetParam(), SECTORS);
+    std::mt19937_64 random(7);
+    for (int i = 0; i < 200; ++i) {
+        const unsigned long other = 3 + random() % (SECTORS - 3);
+        tested.bitmap.setBit(other);
+        bool set = true;
+        EXPECT_EQ(tested.bitmap.getExtent(3, SECTORS - 3, set), other - 3);
+        EXPECT_FALSE(set);
+        tested.bitmap.clearRegion(other, 1);
+    }
+    bool set = true;
+    EXPECT_EQ(tested.bitmap.getExtent(0, SECTORS, set), SECTORS);
+}
+
+// The sector behind the last has a bit of its own, even when it lies in a word of its own.
+TEST_P(BitmapKinds, TheSectorEqualToTheirNumberIsAccepted) {
+    for (const unsigned long sectors : {0UL, 64UL, 100UL, 128UL, 4096UL * 8, 4096UL * 16}) {
+        Modelled tested(GetParam(), sectors);
+        tested.bitmap.setBit(sectors);
+        EXPECT_TRUE(tested.bitmap.isSet(sectors)) << sectors;
+        if (sectors != 0) {
+            tested.expectRun(0, sectors);
+        }
+        expectRefused([&] { tested.bitmap.setBit(sectors + 1); }, BITMAP_SOURCE, "setBit");
+        expectRefused([&] { tested.bitmap.isSet(sectors + 1); }, BITMAP_HEADER, "isSet");
+    }
+}
+
+TEST_P(BitmapKinds, RefusalsNameThePlaceAndChangeNothing) {
+    Modelled tested(GetParam(), 100);
+    RvpBitmap& bitmap = tested.bitmap;
+    LogCapture log;
+    bool set = true;
+    const unsigned long huge = ~0UL;
+    struct Region {
+        unsigned long start;
+        unsigned long count;
+    };
+    for (const Region r : {Region{0, 101}, {100, 1}, {1, huge}, {huge, 2}}) {
+        expectRefused([&] { bitmap.setRegion(r.start, r.count); }, BITMAP_SOURCE, "setRegion");
+        expectRefused([&] { bitmap.clearRegion(r.start, r.count); }, BITMAP_SOURCE, "clearRegion");
+        expectRefused([&] { bitmap.getExtent(r.start, r.count, set); }, BITMAP_SOURCE, "getExtent");
+    }
+    expectRefused([&] { bitmap.setRegion(3, 0); }, BITMAP_SOURCE, "setRegion");
+    expectRefused([&] { bitmap.clearRegion(3, 0); }, BITMAP_SOURCE, "clearRegion");
+    expectRefused([&] { bitmap.isUint8Set(101, true); }, BITMAP_HEADER, "isUint8Set");
+    expectRefused([&] { bitmap.isUint64Set(101, true); }, BITMAP_HEADER, "isUint64Set");
+    EXPECT_EQ(bitmap.getExtent(100, 0, set), 0U);
+    EXPECT_TRUE(set);
+    tested.expectEqual();
+    EXPECT_EQ(log.lines().front(), "setRegion:RvpBitmapX64 <ERROR> Exception: VERIFY_ORMA_BOOL");
+    EXPECT_EQ(log.lines().back(), "isUint64Set:RvpBitmapX64.h <ERROR> Exception: VERIFY_ORMA_BOOL");
+}
+
+TEST_P(BitmapKinds, WholeBytesAndWords) {
+    Modelled tested(GetParam(), 192);
+    tested.fill(3, 70, true);
+    EXPECT_FALSE(tested.bitmap.isUint8Set(7, true));
+    EXPECT_FALSE(tested.bitmap.isUint8Set(0, false));
+    EXPECT_TRUE(tested.bitmap.isUint8Set(8, true));
+    EXPECT_TRUE(tested.bitmap.isUint8Set(71, true));
+    EXPECT_TRUE(tested.bitmap.isUint8Set(191, false));
+    EXPECT_FALSE(tested.bitmap.isUint64Set(63, true));
+    tested.fill(64, 64, true);
+    EXPECT_TRUE(tested.bitmap.isUint64Set(64, true));
+    EXPECT_TRUE(tested.bitmap.isUint64Set(128, false));
+}
+
+TEST_P(BitmapKinds, AnInactiveBitmapIsOneSetRun) {
+    RvpBitmap bitmap(GetParam());
+    LogCapture log;
+    EXPECT_EQ(bitmap.init(100, false, 0, "dorado_bitmap_test"), 0);
+    EXPECT_EQ(log.lines(), std::vector<std::string>{"init:RvpBitmapX64 <INFO> Using RvpBitmap"});
+    EXPECT_EQ(bitmap.getSize(), 16U);
+    EXPECT_TRUE(bitmap.isSet(0));
+    EXPECT_TRUE(bitmap.isSet(1'000'000));
+    bool set = false;
+    EXPECT_EQ(bitmap.getExtent(10, 80, set), 80U);
+    EXPECT_TRUE(set);
+    expectRefused([&] { bitmap.getExtent(0, 101, set); }, BITMAP_SOURCE, "getExtent");
+    expectRefused([&] { bitmap.setBit(1); }, BITMAP_SOURCE, "setBit");
+    expectRefused([&] { bitmap.setRegion(1, 1); }, BITMAP_SOURCE, "setRegion");
+    expectRefused([&] { bitmap.clearRegion(1, 1); }, BITMAP_SOURCE, "clearRegion");
+}
+
+// Nothing may be read or written where there are no bits: before `init` and after `freeMemory`.
+TEST_P(BitmapKinds, WithoutBitsEverythingIsRefused) {
+    const auto expectNoBits = [](RvpBitmap& bitmap, unsigned long sectors) {
+        expectRefused([&] { bitmap.setBit(0); }, BITMAP_SOURCE, "setBit");
+        expectRefused([&] { bitmap.isSet(0); }, BITMAP_HEADER, "isSet");
+        expectRefused([&] { bitmap.isUint64Set(0, true); }, BITMAP_HEADER, "isUint64Set");
+        expectRefused([&] { bitmap.setRegion(0, sectors); }, BITMAP_SOURCE, "setRegion");
+        EXPECT_EQ(bitmap.getSize(), 0U);
+    };
+    RvpBitmap bitmap(GetParam());
+    expectNoBits(bitmap, 0);
+    bitmap.init(200, true, 0, "dorado_bitmap_test");
+    bitmap.freeMemory();
+    expectNoBits(bitmap, 200);
+    TestFolder folder;
+    expectRefused([&] { bitmap.dump(folder.at("freed")); }, BITMAP_SOURCE, "getExtent");
+}
+
+TEST_P(BitmapKinds, ASecondInitReleasesTheFirst) {
+    LogCapture log;
+    RvpBitmap bitmap(GetParam());
+    bitmap.init(1000, true, 0, "dorado_bitmap_test");
+    const std::string first = tempFileIn(log);
+    bitmap.init(64, true, 0, "dorado_bitmap_test");
+    EXPECT_FALSE(exists(first));
+    bitmap.clearRegion(0, 64);
+    bool set = true;
+    EXPECT_EQ(bitmap.getExtent(0, 64, set), 64U);
+}
+
+TEST_P(BitmapKinds, DumpWritesTheSetRuns) {
+    TestFolder folder;
+    Modelled tested(GetParam(), 300); // 40 bytes: the first look ends at sector 40
+    tested.fill(30, 20, true);
+    tested.fill(299, 1, true);
+    LogCapture log;
+    tested.bitmap.dump(folder.at("runs"));
+    const std::string path = folder.at(GetParam() == RvpBitmap::HEAP ? "runs.dump" : "runs.mmf");
+    EXPECT_EQ(contentOf(path), "Size of file = [40] bytes. Number of sectors = [300] \n"
+                               " [30]   [20] \n"
+                               " [299]   [1] \n");
+    EXPECT_EQ(log.lines(),
+              std::vector<std::string>{"dump:RvpBitmapX64 <DEBUG> Opening log file: " + path});
+
+    tested.fill(0, 300, true);
+    tested.bitmap.dump(folder.at("cut"));
+    EXPECT_EQ(contentOf(folder.at(GetParam() == RvpBitmap::HEAP ? "cut.dump" : "cut.mmf")),
+              "Size of file = [40] bytes. Number of sectors = [300] \n"
+              " [0]   [40] \n"
+              " [40]   [260] \n");
+    EXPECT_NO_THROW(tested.bitmap.dump(folder.at("no such folder/runs")));
+}
+
+// With fewer than eight sectors the bytes of the array are more than there are sectors.
+TEST_P(BitmapKinds, DumpOfAFewSectorsIsRefusedAfterItsFirstLine) {
+    TestFolder folder;
+    Modelled tested(GetParam(), 7);
+    expectRefused([&] { tested.bitmap.dump(folder.at("few")); }, BITMAP_SOURCE, "getExtent");
+    EXPECT_EQ(contentOf(folder.at(GetParam() == RvpBitmap::HEAP ? "few.dump" : "few.mmf")),
+              "Size of file = [8] bytes. Number of sectors = [7] \n");
+}
+
+// The heap may hand out memory that was in use: only an eighth of the array is cleared.
+TEST(Bitmap, TheHeapKindClearsAnEighthOfItsArray) {
+    constexpr unsigned long SECTORS = 64 * 1024;
+    Modelled used(RvpBitmap::HEAP, SECTORS);
+    used.bitmap.setRegion(0, SECTORS);
+    used.bitmap.freeMemory();
+    RvpBitmap bitmap(RvpBitmap::HEAP);
+    bitmap.init(SECTORS, true, 0, "");
+    bool set = true;
+    EXPECT_GE(bitmap.getExtent(0, SECTORS, set), SECTORS / 8);
+    EXPECT_FALSE(set);
+}
+
+TEST(Bitmap, TheMappedKindIsClearAndItsFileNeverHoldsABit) {
+    LogCapture log;
+    std::string path;
+    {
+        RvpBitmap bitmap(RvpBitmap::FILE_MAPPING);
+        bitmap.init(4096 * 8, true, 0, "dorado_bitmap_test");
+        bool set = true;
+        EXPECT_EQ(bitmap.getExtent(0, 4096 * 8, set), 4096UL * 8);
+        EXPECT_FALSE(set);
+        bitmap.setRegion(0, 4096 * 8);
+        path = tempFileIn(log);
+        EXPECT_TRUE(path.starts_with("/tmp/dorado_bitmap_test")) << path;
+        EXPECT_EQ(contentOf(path), std::string(40960, '\0'));
+        EXPECT_EQ(
+            log.lines(),
+            (std::vector<std::string>{
+                "init:RvpBitmapX64 <INFO> Using RvpBitmap",
+                "init:RvpBitmapX64 <INFO>  Size of file = [4096] bytes. Number of sectors = "
+                "[32768] ",
+                "createBitmapFile:RvpBitmapX64 <DEBUG> Temp file name for bitmapfile: " + path,
+                "allocMemory:RvpBitmapX64 <INFO> File map done, allocated [8192] ",
+                "allocMemory:RvpBitmapX64 <INFO> Map view done "}));
+    }
+    EXPECT_FALSE(exists(path));
+}
+
+// The file that is named like the heap kind's prefix goes with the bitmap; hosts count on it.
+TEST(Bitmap, TheHeapKindRemovesTheFileNamedLikeItsPrefix) {
+    TestFolder folder;
+    const std::string path = folder.at("prefix");
+    std::ofstream(path) << "x";
+    {
+        RvpBitmap bitmap(RvpBitmap::HEAP);
+        bitmap.init(100, true, 0, path);
+        EXPECT_TRUE(exists(path));
+    }
+    EXPECT_FALSE(exists(path));
+}
+
+// 128 GiB of bits; only the pages that are touched need memory.
+TEST(Bitmap, AMappedBitmapMayBeLargerThanTheMemory) {
+    constexpr unsigned long SECTORS = 1UL << 40;
+    RvpBitmap bitmap(RvpBitmap::FILE_MAPPING);
+    try {
+        bitmap.init(SECTORS, true, 0, "dorado_bitmap_test");
+    } catch (const LinuxError& error) {
+        GTEST_SKIP() << "the system allows no such file or mapping: " << error.m_code;
+    }
+    bitmap.setRegion(SECTORS - 1000, 1000);
+    bool set = false;
+    EXPECT_EQ(bitmap.getExtent(SECTORS - 1000, 1000, set), 1000U);
+    EXPECT_TRUE(set);
+    EXPECT_EQ(bitmap.getExtent(SECTORS - 100'000, 100'000, set), 99'000U);
+    EXPECT_FALSE(set);
+}
+
+// Bit and field positions are part of the binary interface.
+TEST(BitmapLayout, Fields) {
+    LogCapture log;
+    RvpBitmap bitmap(RvpBitmap::FILE_MAPPING);
+    bitmap.init(100, true, 0, "dorado_bitmap_test");
+    bitmap.setBit(9);
+    const auto field = [&bitmap]<typename Type>(std::size_t offset, Type) {
+        Type value;
+        std::memcpy(&value, reinterpret_cast<const char*>(&bitmap) + offset, sizeof value);
+        return value;
+    };
+    EXPECT_EQ(field(8, int{}), RvpBitmap::FILE_MAPPING);
+    EXPECT_EQ(field(12, bool{}), false);
+    const auto* bits = field(16, static_cast<const unsigned char*>(nullptr));
+    EXPECT_EQ(bits[1], 0x02);
+    EXPECT_EQ(field(24, 0UL), 16U);
+    EXPECT_EQ(field(32, 0UL), 100U);
+    EXPECT_EQ(field(40, 0UL), static_cast<unsigned long>(sysconf(_SC_PAGESIZE)));
+    EXPECT_EQ(*reinterpret_cast<const std::string*>(reinterpret_cast<const char*>(&bitmap) + 48),
+              tempFileIn(log));
+    EXPECT_GE(field(80, int{}), 0);
+    EXPECT_EQ(field(88, 0UL), 16U);
+}
+
+// The two destructors come first; a pointer to a virtual operation holds 1 + 8 times its slot.
+template <typename Operation>
+std::ptrdiff_t slotOf(Operation operation) {
+    std::ptrdiff_t offset;
+    std::memcpy(&offset, &operation, sizeof offset);
+    return (offset - 1) / 8;
+}
+
+TEST(BitmapLayout, Slots) {
+    EXPECT_EQ(slotOf(&RvpMap::isSet), 2);
+    EXPECT_EQ(slotOf(&RvpMap::setBit), 3);
+    EXPECT_EQ(slotOf(&RvpMap::init), 4);
+}
+
+} // namespace
