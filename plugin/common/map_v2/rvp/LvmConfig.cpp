@@ -74,6 +74,9 @@ class Dumper {
             } else {
                 close();
             }
+            if (m_buffer.size() >= FLUSH_SIZE) {
+                flush();
+            }
         }
         flush();
     }
@@ -137,9 +140,6 @@ class Dumper {
     void endNode() {
         if (!m_sections.empty()) {
             m_buffer += '\n';
-        }
-        if (m_buffer.size() >= FLUSH_SIZE) {
-            flush();
         }
     }
 
@@ -386,8 +386,154 @@ constexpr std::array<std::uint8_t, 256> CHAR_CLASSES = [] {
     return classes;
 }();
 
-bool isOf(char character, std::uint8_t classes) {
+inline bool isOf(char character, std::uint8_t classes) {
     return (CHAR_CLASSES[static_cast<unsigned char>(character)] & classes) != 0;
+}
+
+// The first place from `from` on whose character is of none of the classes; the end at last.
+inline std::uint64_t skip(const std::string& text, std::uint64_t from, std::uint8_t classes) {
+    const char* data = text.data();
+    const std::uint64_t size = text.size();
+    while (from < size && isOf(data[from], classes)) {
+        ++from;
+    }
+    return from;
+}
+
+// Moves the cursor over characters of the classes; false when the text ends before any other.
+inline bool skipOver(LvmConfig& config, std::uint8_t classes) {
+    config.pos = skip(config.text, config.pos, classes);
+    if (config.pos >= config.text.size()) {
+        config.pos = std::string::npos;
+        return false;
+    }
+    return true;
+}
+
+bool skipToToken(LvmConfig& config) {
+    if (!skipOver(config, BLANK)) {
+        return false;
+    }
+    // Only one comment: a second one in a row ends the text, because its # starts no token.
+    return config.text[config.pos] != '#' ||
+           (skipOver(config, NOT_NEWLINE) && skipOver(config, BLANK));
+}
+
+bool readString(LvmConfig& config) {
+    const std::string& text = config.text;
+    std::uint64_t& pos = config.pos;
+    config.tokenType = LvmConfig::TOKEN_STRING;
+    std::uint64_t start = pos++;
+    while ((pos = skip(text, pos, IN_STRING)) < text.size()) {
+        if (text[pos] == '"') {
+            ++pos;
+            config.token.append(text, start, pos - start);
+            return true;
+        }
+        if (pos + 1 == text.size()) { // a backslash with nothing to escape stands for itself
+            ++pos;
+            break;
+        }
+        config.token.append(text, start, pos - start);
+        start = pos + 1;
+        pos += 2;
+    }
+    config.token.append(text, start);
+    config.errorCode = 1;
+    return false;
+}
+
+bool readWord(LvmConfig& config) {
+    const std::string& text = config.text;
+    const char first = text[config.pos];
+    const std::uint64_t end = skip(text, config.pos, WORD);
+    if (isOf(first, DIGIT)) {
+        config.tokenType = skip(text, config.pos, DIGIT) == end ? LvmConfig::TOKEN_NUMBER
+                                                                : LvmConfig::TOKEN_IDENTIFIER;
+    } else if (isOf(first, FIRST)) {
+        config.tokenType = LvmConfig::TOKEN_IDENTIFIER;
+    }
+    config.token.append(text, config.pos, end - config.pos);
+    config.pos = end;
+    return config.tokenType != LvmConfig::TOKEN_NONE;
+}
+
+bool isDelimiter(const LvmConfig& config, char delimiter) {
+    return config.tokenType == LvmConfig::TOKEN_DELIMITER && config.token.front() == delimiter;
+}
+
+Node& addChild(Node& node, std::string& name, Node::DataType type) {
+    Node& child = node.children.emplace_back();
+    child.name.swap(name);
+    child.type = type;
+    return child;
+}
+
+// Moves a value token into the tree; false when the token is none.
+bool addValue(LvmConfig& config, Node& node) {
+    if (config.tokenType == LvmConfig::TOKEN_STRING) {
+        addChild(node, config.token, Node::STRING);
+    } else if (config.tokenType == LvmConfig::TOKEN_NUMBER) {
+        addChild(node, config.token, Node::NUMBER);
+    } else {
+        return false;
+    }
+    config.nextToken();
+    return true;
+}
+
+void parseSection(LvmConfig& config, Node& node, unsigned depth);
+
+// False when the entries end here with an error.
+bool parseEntry(LvmConfig& config, Node& node, unsigned depth) {
+    if (config.tokenType != LvmConfig::TOKEN_NUMBER &&
+        config.tokenType != LvmConfig::TOKEN_IDENTIFIER) {
+        return false;
+    }
+    std::string key = std::move(config.token);
+    config.nextToken();
+    if (config.tokenType != LvmConfig::TOKEN_DELIMITER) {
+        return false;
+    }
+    if (isDelimiter(config, '{')) {
+        if (depth == LvmConfig::MAX_DEPTH) {
+            return false;
+        }
+        parseSection(config, addChild(node, key, Node::SET), depth + 1);
+    } else if (isDelimiter(config, '=')) {
+        if (!config.nextToken()) {
+            return false;
+        }
+        if (isDelimiter(config, '[')) {
+            config.parseArray(addChild(node, key, Node::ARRAY));
+        } else {
+            config.parseScalar(addChild(node, key, Node::SCALAR));
+        }
+    } // any other delimiter stays the current token; the key is dropped
+    return true;
+}
+
+// `depth` counts the sections that are open around the entries.
+void parseEntries(LvmConfig& config, Node& node, unsigned depth) {
+    while (config.tokenType != LvmConfig::TOKEN_NONE && !isDelimiter(config, '}')) {
+        if (!parseEntry(config, node, depth)) {
+            config.errorCode = 1;
+            return;
+        }
+    }
+}
+
+void parseSection(LvmConfig& config, Node& node, unsigned depth) {
+    if (!config.nextToken()) {
+        config.errorCode = 1;
+        return;
+    }
+    parseEntries(config, node, depth);
+    if (isDelimiter(config, '}')) {
+        config.nextToken();
+    } else {
+        config.errorCode = 1;
+    }
 }
 
 } // namespace
@@ -414,149 +560,36 @@ std::uint8_t LvmConfig::getErrorCode() const {
 bool LvmConfig::nextToken() {
     token.clear();
     tokenType = TOKEN_NONE;
-    if (errorCode != 0 || pos == text.size() || !skipToToken()) {
+    if (errorCode != 0 || pos == text.size() || !skipToToken(*this)) {
         return false;
     }
     const char first = text[pos];
     if (isOf(first, DELIMITER)) {
         tokenType = TOKEN_DELIMITER;
-        token = first;
+        token.push_back(first);
         ++pos;
         return true;
     }
-    return first == '"' ? readString() : readWord();
-}
-
-// The first place from `from` on whose character is of none of the classes; the end at last.
-std::uint64_t LvmConfig::skip(std::uint64_t from, std::uint8_t classes) const {
-    const char* data = text.data();
-    const std::uint64_t size = text.size();
-    while (from < size && isOf(data[from], classes)) {
-        ++from;
-    }
-    return from;
-}
-
-bool LvmConfig::skipTo(std::uint64_t position) {
-    pos = position < text.size() ? position : std::string::npos;
-    return pos != std::string::npos;
-}
-
-bool LvmConfig::skipToToken() {
-    if (!skipTo(skip(pos, BLANK))) {
-        return false;
-    }
-    // Only one comment: a second one in a row ends the text, because its # starts no token.
-    return text[pos] != '#' || (skipTo(skip(pos, NOT_NEWLINE)) && skipTo(skip(pos, BLANK)));
-}
-
-bool LvmConfig::readString() {
-    tokenType = TOKEN_STRING;
-    std::uint64_t start = pos++;
-    while ((pos = skip(pos, IN_STRING)) < text.size()) {
-        if (text[pos] == '"') {
-            ++pos;
-            token.append(text, start, pos - start);
-            return true;
-        }
-        if (pos + 1 == text.size()) { // a backslash with nothing to escape stands for itself
-            ++pos;
-            break;
-        }
-        token.append(text, start, pos - start);
-        start = pos + 1;
-        pos += 2;
-    }
-    token.append(text, start);
-    errorCode = 1;
-    return false;
-}
-
-bool LvmConfig::readWord() {
-    const char first = text[pos];
-    const std::uint64_t end = skip(pos, WORD);
-    if (isOf(first, DIGIT)) {
-        tokenType = skip(pos, DIGIT) == end ? TOKEN_NUMBER : TOKEN_IDENTIFIER;
-    } else if (isOf(first, FIRST)) {
-        tokenType = TOKEN_IDENTIFIER;
-    }
-    token.assign(text, pos, end - pos);
-    pos = end;
-    return tokenType != TOKEN_NONE;
-}
-
-bool LvmConfig::isDelimiter(char delimiter) const {
-    return tokenType == TOKEN_DELIMITER && token.front() == delimiter;
+    return first == '"' ? readString(*this) : readWord(*this);
 }
 
 void LvmConfig::parseList(Node& node) {
-    parseEntries(node, 0);
+    parseEntries(*this, node, 0);
 }
 
 void LvmConfig::parseSet(Node& node) {
-    parseSection(node, 1);
-}
-
-// `depth` counts the sections that are open around the entries.
-void LvmConfig::parseEntries(Node& node, unsigned depth) {
-    while (tokenType != TOKEN_NONE && !isDelimiter('}')) {
-        if (!parseEntry(node, depth)) {
-            errorCode = 1;
-            return;
-        }
-    }
-}
-
-// False when the entries end here with an error.
-bool LvmConfig::parseEntry(Node& node, unsigned depth) {
-    if (tokenType != TOKEN_NUMBER && tokenType != TOKEN_IDENTIFIER) {
-        return false;
-    }
-    std::string key = std::move(token);
-    nextToken();
-    if (tokenType != TOKEN_DELIMITER) {
-        return false;
-    }
-    if (isDelimiter('{')) {
-        if (depth == MAX_DEPTH) {
-            return false;
-        }
-        parseSection(node.add(std::move(key), Node::SET), depth + 1);
-    } else if (isDelimiter('=')) {
-        if (!nextToken()) {
-            return false;
-        }
-        if (isDelimiter('[')) {
-            parseArray(node.add(std::move(key), Node::ARRAY));
-        } else {
-            parseScalar(node.add(std::move(key), Node::SCALAR));
-        }
-    } // any other delimiter stays the current token; the key is dropped
-    return true;
-}
-
-void LvmConfig::parseSection(Node& node, unsigned depth) {
-    if (!nextToken()) {
-        errorCode = 1;
-        return;
-    }
-    parseEntries(node, depth);
-    if (isDelimiter('}')) {
-        nextToken();
-    } else {
-        errorCode = 1;
-    }
+    parseSection(*this, node, 1);
 }
 
 void LvmConfig::parseArray(Node& node) {
     do {
         nextToken();
-        if (!addValue(node) && !isDelimiter(']')) {
+        if (!addValue(*this, node) && !isDelimiter(*this, ']')) {
             errorCode = 1;
             return;
         }
-    } while (isDelimiter(','));
-    if (isDelimiter(']')) {
+    } while (isDelimiter(*this, ','));
+    if (isDelimiter(*this, ']')) {
         nextToken();
     } else {
         errorCode = 1;
@@ -564,19 +597,9 @@ void LvmConfig::parseArray(Node& node) {
 }
 
 void LvmConfig::parseScalar(Node& node) {
-    if (!addValue(node)) {
+    if (!addValue(*this, node)) {
         errorCode = 1;
     }
-}
-
-// Moves a value token into the tree; false when the token is none.
-bool LvmConfig::addValue(Node& node) {
-    if (tokenType != TOKEN_STRING && tokenType != TOKEN_NUMBER) {
-        return false;
-    }
-    node.add(std::move(token), tokenType == TOKEN_STRING ? Node::STRING : Node::NUMBER);
-    nextToken();
-    return true;
 }
 
 const LvmConfig::Node& LvmConfig::vg() const {

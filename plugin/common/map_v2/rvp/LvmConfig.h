@@ -168,18 +168,6 @@ class LvmConfig {
     TokenType tokenType;    // its class
     std::uint8_t errorCode; // 0 or 1
     Node root;              // the tree; never of a type but SET unless the caller makes it so
-
-  private:
-    std::uint64_t skip(std::uint64_t from, std::uint8_t classes) const;
-    bool skipTo(std::uint64_t position);
-    bool skipToToken();
-    bool readString();
-    bool readWord();
-    void parseEntries(Node& node, unsigned depth);
-    bool parseEntry(Node& node, unsigned depth);
-    void parseSection(Node& node, unsigned depth);
-    bool isDelimiter(char delimiter) const;
-    bool addValue(Node& node);
 };
 
 // An LVM2 UUID.
