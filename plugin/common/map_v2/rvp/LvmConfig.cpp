@@ -1,9 +1,10 @@
 #include "LvmConfig.h"
 
 #include "Error.h"
+#include "LvmCharClass.h"
+#include "LvmDumper.h"
 
 #include <algorithm>
-#include <array>
 #include <cstddef>
 #include <cstring>
 #include <ctime>
@@ -40,16 +41,6 @@ std::string quoted(const std::string& text) {
     return '"' + text + '"';
 }
 
-void appendElements(std::string& to, const std::list<Node>& elements) {
-    const char* before = "[ ";
-    for (const Node& element : elements) {
-        to += before;
-        to += element.name;
-        before = ", ";
-    }
-    to += elements.empty() ? "[]" : " ]";
-}
-
 template <typename Number>
 Number numberIn(std::string text) {
     std::istringstream in(std::move(text));
@@ -58,106 +49,6 @@ Number numberIn(std::string text) {
     in >> number;
     return number;
 }
-
-// Writes a subtree, with a list of the open sections in place of recursion.
-class Dumper {
-  public:
-    explicit Dumper(std::ostream& out) : m_out(out) {}
-
-    void write(const Node& top, long indent) {
-        open(top, indent);
-        while (!m_sections.empty() && m_out) {
-            Section& section = m_sections.back();
-            if (section.next != section.node->children.end()) {
-                const Node& child = *section.next++;
-                open(child, section.childIndent);
-            } else {
-                close();
-            }
-            if (m_buffer.size() >= FLUSH_SIZE) {
-                flush();
-            }
-        }
-        flush();
-    }
-
-  private:
-    struct Section {
-        const Node* node;
-        std::list<Node>::const_iterator next;
-        long indent;
-        long childIndent;
-    };
-
-    static constexpr std::size_t FLUSH_SIZE = 1 << 16;
-    static constexpr long INDENT = 2;
-
-    void open(const Node& node, long indent) {
-        if (node.type != Node::STRING && node.type != Node::NUMBER) {
-            writeBlanks(indent);
-        }
-        m_buffer += node.name;
-        switch (node.type) {
-        case Node::SET:
-            openSection(node, indent);
-            return;
-        case Node::ARRAY:
-            m_buffer += " = ";
-            appendElements(m_buffer, node.children);
-            break;
-        case Node::SCALAR:
-            if (!node.children.empty()) {
-                m_buffer += " = ";
-                m_buffer += node.children.front().name;
-            }
-            break;
-        case Node::STRING:
-        case Node::NUMBER:
-            break;
-        }
-        endNode();
-    }
-
-    void openSection(const Node& node, long indent) {
-        long childIndent = indent;
-        if (!node.name.empty()) {
-            m_buffer += " {\n";
-            childIndent += INDENT;
-        }
-        m_sections.push_back({&node, node.children.begin(), indent, childIndent});
-    }
-
-    void close() {
-        const Section section = m_sections.back();
-        m_sections.pop_back();
-        if (!section.node->name.empty()) {
-            writeBlanks(section.indent);
-            m_buffer += '}';
-        }
-        endNode();
-    }
-
-    void endNode() {
-        if (!m_sections.empty()) {
-            m_buffer += '\n';
-        }
-    }
-
-    void writeBlanks(long count) {
-        if (count > 0) {
-            m_buffer.append(static_cast<std::size_t>(count), ' ');
-        }
-    }
-
-    void flush() {
-        m_out.write(m_buffer.data(), static_cast<std::streamsize>(m_buffer.size()));
-        m_buffer.clear();
-    }
-
-    std::ostream& m_out;
-    std::string m_buffer;
-    std::vector<Section> m_sections;
-};
 
 } // namespace
 
@@ -324,7 +215,7 @@ std::string LvmConfig::Node::strValue() const {
     }
     if (node->type == ARRAY) {
         std::string elements;
-        appendElements(elements, node->children);
+        LvmDumper::appendElements(elements, node->children);
         return elements;
     }
     if (node->type == SET) {
@@ -344,51 +235,13 @@ int LvmConfig::Node::intValue() const {
 }
 
 std::ostream& LvmConfig::Node::dump(std::ostream& out, int indent) const {
-    Dumper(out).write(*this, indent);
+    LvmDumper(out).write(*this, indent);
     return out;
 }
 
 // The parser.
 
 namespace {
-
-enum CharClass : std::uint8_t {
-    BLANK = 1,
-    DELIMITER = 2,
-    DIGIT = 4,
-    FIRST = 8, // of an identifier
-    WORD = 16,
-    NOT_NEWLINE = 32,
-    IN_STRING = 64, // as it stands
-};
-
-constexpr std::array<std::uint8_t, 256> CHAR_CLASSES = [] {
-    std::array<std::uint8_t, 256> classes{};
-    classes.fill(NOT_NEWLINE | IN_STRING);
-    const auto mark = [&classes](const char* characters, int marks) {
-        for (; *characters != '\0'; ++characters) {
-            std::uint8_t& entry = classes[static_cast<unsigned char>(*characters)];
-            entry = static_cast<std::uint8_t>(entry | marks);
-        }
-    };
-    const auto unmark = [&classes](char character, int marks) {
-        std::uint8_t& entry = classes[static_cast<unsigned char>(character)];
-        entry = static_cast<std::uint8_t>(entry & ~marks);
-    };
-    mark(" \t\n", BLANK);
-    mark("{}[]=,", DELIMITER);
-    mark("0123456789", DIGIT | WORD);
-    mark("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz_", FIRST | WORD);
-    mark("-.+", WORD);
-    unmark('\n', NOT_NEWLINE);
-    unmark('"', IN_STRING);
-    unmark('\\', IN_STRING);
-    return classes;
-}();
-
-inline bool isOf(char character, std::uint8_t classes) {
-    return (CHAR_CLASSES[static_cast<unsigned char>(character)] & classes) != 0;
-}
 
 // The first place from `from` on whose character is of none of the classes; the end at last.
 inline std::uint64_t skip(const std::string& text, std::uint64_t from, std::uint8_t classes) {
