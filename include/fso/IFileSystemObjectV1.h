@@ -149,8 +149,8 @@ constexpr unsigned FSO_EXTENT_INLINE_LENGTH_SHIFT = 16;
 
 /* One run. Records follow each other without gaps in file order from the asked offset on (a first
  * record begins there even in the middle of a run), so holes are records too. Runs other than
- * inline ones are whole file-system blocks: the last may reach past the file's size, and
- * preallocated space past the size is listed. A file without any run answers at offset 0 with one
+ * inline ones, and a hole behind those, are whole file-system blocks: the last may reach past the
+ * file's size, and preallocated space past the size is listed. A file without any run answers at offset 0 with one
  * record of length 0 flagged HOLE and LAST. */
 struct fso_extent {
     uint64_t offset;  /*  0: on the volume, bytes */

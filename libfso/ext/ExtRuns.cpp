@@ -161,6 +161,10 @@ fso_status listInline(const ExtFileSystem& fs, const ExtInode& inode, std::uint6
         }
         position = end;
     }
+    if (found.zeros > 0 && offset < inode.size() && count < extents.size()) {
+        const std::uint64_t length = inode.size() - std::max(offset, position);
+        extents[count++] = {0, length, FSO_EXTENT_HOLE | FSO_EXTENT_LAST, 0};
+    }
     if (count > 0 || found.complete) {
         return FSO_OK;
     }

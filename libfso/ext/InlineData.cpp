@@ -61,7 +61,10 @@ InlinePieces findInlinePieces(const ExtInode& inode) {
         const InlinePiece value = findDataValue(inode);
         found.pieces[1] = {value.offset, static_cast<std::size_t>(std::min<std::uint64_t>(
                                              value.length, size - BLOCK_AREA_SIZE))};
+        if (value.offset != 0 && inode.type() == LINUX_S_IFREG) {
+            found.zeros = size - found.length();
+        }
     }
-    found.complete = found.length() == size;
+    found.complete = found.length() + found.zeros == size;
     return found;
 }

@@ -18,7 +18,9 @@ struct InlinePiece {
 // The pieces follow each other in the file; an empty one ends them.
 struct InlinePieces {
     std::array<InlinePiece, 2> pieces;
-    // Whether they make up the whole file as its size says.
+    // What reads as zeros behind them: a regular file that has grown without being written.
+    std::uint64_t zeros = 0;
+    // Whether all of that makes up the whole file as its size says.
     bool complete = false;
 
     std::size_t length() const { return pieces[0].length + pieces[1].length; }
