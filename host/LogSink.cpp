@@ -36,6 +36,10 @@ void toFile(void* /*context*/, const char* text, int indent, kmp_eseverity /*sev
     writeIndented(s_file.get(), text, indent);
 }
 
+bool passes(int severity) {
+    return severity >= 0 && severity < 32 && ((s_severities >> severity) & 1U) != 0;
+}
+
 kmhost_log_sink s_sink = toStderr;
 void* s_sinkContext = nullptr;
 
@@ -72,7 +76,7 @@ void kmhost_filter_severity(unsigned severities) {
 
 void km_log_provider_msg(const char* text, int /*zero*/, int indent, int severity) {
     const std::lock_guard lock(s_lock);
-    if (s_sink != nullptr && ((s_severities >> severity) & 1U) != 0) {
+    if (s_sink != nullptr && passes(severity)) {
         s_sink(s_sinkContext, text, indent, static_cast<kmp_eseverity>(severity));
     }
 }

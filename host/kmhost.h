@@ -19,7 +19,8 @@ void kmhost_log_to_stderr();
 // Lines are appended to `name` in `km_log_root`, indented the same way; false, errno set and the
 // sink unchanged, when the file cannot be opened.
 bool kmhost_log_to_file(const char* name);
-// Lines go to a function; null drops them.
+// Lines go to a function, one at a time; null drops them. The function must not log or choose
+// another sink.
 void kmhost_log_to(kmhost_log_sink sink, void* context);
 
 // Lines pass whose severity is in this set of bits 1 << severity; all do at the start.

@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr std::uint64_t READS_PER_KEEP_ALIVE = 32;
+constexpr std::uint64_t READS_PER_KEEP_ALIVE = 16;
 constexpr std::uint32_t DEFAULT_SECTOR_SIZE = 512;
 constexpr std::uint64_t MAX_VOLUME_SIZE = std::uint64_t{1} << 63;
 

@@ -228,7 +228,7 @@ class IFileSystemObjectV1 {
     virtual uint32_t readDir(uint64_t index, fso_dir_request* request, uint32_t* entryCount) = 0;
     /* 5: up to `capacity` records from byte `offset` of the file. An offset at or past the end of
      * the last run gives no record and FSO_INVALID. After damage the records before it are
-     * delivered; asking behind them gives the status. */
+     * delivered; asking behind them gives the status. `*count` is written in every case. */
     virtual uint32_t getExtents(uint64_t index, uint64_t offset, fso_extent* extents,
                                 uint32_t capacity, uint32_t* count) = 0;
     /* 6 */

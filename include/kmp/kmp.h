@@ -53,7 +53,8 @@ typedef enum kmp_eseverity {
     KMP_SEVERITY_DEBUG = 4,
     KMP_SEVERITY_TRACE5 = 5,
     KMP_SEVERITY_TRACE6 = 6,
-    KMP_SEVERITY_TRACE7 = 7
+    KMP_SEVERITY_TRACE7 = 7,
+    KMP_SEVERITY_WIDTH = 0x7FFFFFFF /* makes the type as wide as an int */
 } kmp_eseverity;
 
 /* A provider's answer to a claim. */
@@ -212,7 +213,10 @@ KMP_LAYOUT(kmp_file, index, 208);
 KMP_SIZE(kmp_file, 232);
 
 /* One run of volume bytes that holds file bytes. Runs come in file order without gaps: the file
- * offset of a run is the asked offset plus the lengths of the runs before it. */
+ * offset of a run is the asked offset plus the lengths of the runs before it, as the library gave
+ * them. With a sector size of 512 these are the lengths here, as blocks are whole sectors, but for
+ * inline runs, whose exact length is in the flags (fso_extent_flag); with a sector size above the
+ * block size ask run by run. */
 typedef struct kmp_extent {
     uint8_t reserved0[16];   /*  0 */
     struct km_objid* volume; /* 16: id of the volume that holds the data */
@@ -304,7 +308,7 @@ typedef struct kmp_configid kmp_configid;
 typedef struct kmp_name kmp_name;
 typedef struct kmp_mapdomain_node kmp_mapdomain_node;
 
-/* The host's error handler. The texts live as long as the process; `localized` may be null. */
+/* The host's error handler. The texts are good during the call; `localized` may be null. */
 typedef struct kmp_ehandler {
     void (*handler)(struct kmp_ehandler* self, const char* english, const char* localized,
                     int severity);
@@ -340,6 +344,9 @@ size_t V_strlcat(char* to, const char* from, size_t size);
 __attribute__((format(printf, 3, 4)))
 #endif
 int V_snprintf(char* to, size_t size, const char* format, ...);
+#if defined(__GNUC__)
+__attribute__((format(printf, 3, 0)))
+#endif
 int V_vsnprintf(char* to, size_t size, const char* format, va_list arguments);
 
 /* 16 bytes that are unique in the world. */

@@ -1,11 +1,12 @@
-/* The provider's entry points, as a host calls them.
+/* The provider's entry points, as a C++ host calls them (with C linkage; the callbacks take
+ * references).
  *
  * `rvp_map_init` makes an instance; every other call takes it first. One instance is used by one
  * thread at a time. Results are host codes (0 = success) unless a comment says otherwise; a null or
  * foreign instance gives 7. On a failure the error handler given to `rvp_map_init` hears the text
- * of a raised error before the call returns; out-arguments are then not written unless a comment
- * says so. C++ exceptions other than the provider's own errors (allocation failures of the standard
- * library) pass through.
+ * of a raised error before the call returns; what the out-arguments hold after a failure means
+ * nothing but where a comment says so. C++ exceptions other than the provider's own errors
+ * (allocation failures of the standard library) pass through.
  */
 #ifndef KMP_RVP_MAP_H
 #define KMP_RVP_MAP_H
@@ -18,9 +19,11 @@ extern "C" {
 struct RvpInstance;
 
 /* Makes an instance. `handler` (may be null, must outlive the instance) is shared by the whole
- * process: the last one given counts. Writes 2 to `apiVersion`. */
+ * process: the last one given counts. Writes 2 to `apiVersion`. The other pointers must not be
+ * null. */
 int rvp_map_init(RvpInstance** instance, kmp_ehandler* handler, int* apiVersion);
-/* Releases the instance, its claimed volumes and the library. Close every object first. */
+/* Releases the instance, its claimed volumes and the library, and takes the process's error handler
+ * away. Close every object first. */
 void rvp_map_fini(RvpInstance* instance);
 
 /* Claim of a volume by id: KM_CLAIM_PRIMARY when its name was claimed before, in any case. */

@@ -5,8 +5,11 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
-#include <e2p/e2p.h>
 #include <new>
+
+extern "C" { // the header leaves that to its users
+#include <e2p/e2p.h>
+}
 
 namespace {
 

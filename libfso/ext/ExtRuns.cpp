@@ -33,11 +33,7 @@ class RunWalk {
         Mapping run = m_next;
         run.physical += run.kind == MappingKind::Hole ? 0 : m_position - run.first;
         run.first = m_position;
-        for (unsigned steps = 0; advance(run.end) && continues(run); ++steps) {
-            if (run.kind == MappingKind::Hole && steps == MAX_EMPTY_NODES) {
-                m_status = FSO_DAMAGED;
-                break;
-            }
+        while (advance(run.end) && continues(run)) {
             run.end = m_next.end;
         }
         if (isTail(run)) {
@@ -62,16 +58,38 @@ class RunWalk {
     bool lookUp() {
         if (m_position < m_limit) {
             m_status = mapBlock(m_fs, m_nodes, m_inode, m_position, m_next);
+            if (m_status == FSO_OK && m_next.kind == MappingKind::Hole) {
+                stretchHole();
+            }
             return m_status == FSO_OK;
         }
         m_status = m_position < m_sizeBlocks ? FSO_DAMAGED : FSO_OK; // larger than it can be
         return false;
     }
 
+    // A hole is taken as a whole at once: only then is it known whether anything follows. Where its
+    // end cannot be told it ends there, and the next look tells why.
+    void stretchHole() {
+        Mapping more;
+        for (unsigned steps = 0; m_next.end < m_limit; ++steps) {
+            if (steps == MAX_EMPTY_NODES) {
+                m_fs.volume().report(FS_LOG_WARNING, "ext: inode %u: the map repeats itself",
+                                     m_inode.number());
+                m_status = FSO_DAMAGED;
+                return;
+            }
+            if (mapBlock(m_fs, m_nodes, m_inode, m_next.end, more) != FSO_OK ||
+                more.kind != MappingKind::Hole) {
+                return;
+            }
+            m_next.end = more.end;
+        }
+    }
+
     bool continues(const Mapping& run) const {
-        return m_next.kind == run.kind &&
-               (run.kind == MappingKind::Hole || m_next.physical + (m_position - m_next.first) ==
-                                                     run.physical + (run.end - run.first));
+        return run.kind != MappingKind::Hole && m_next.kind == run.kind &&
+               m_next.physical + (m_position - m_next.first) ==
+                   run.physical + (run.end - run.first);
     }
 
     const ExtFileSystem& m_fs;
@@ -131,7 +149,7 @@ fso_status listInline(const ExtFileSystem& fs, const ExtInode& inode, std::uint6
     std::uint64_t position = 0;
     for (const InlinePiece& piece : found.pieces) {
         const std::uint64_t end = position + piece.length;
-        if (offset < end && count < extents.size()) {
+        if (offset < end && piece.length > 0 && count < extents.size()) {
             const std::uint64_t skipped = offset > position ? offset - position : 0;
             const std::uint64_t length = piece.length - skipped;
             std::uint32_t flags = FSO_EXTENT_INLINE | encodedFlag(inode);

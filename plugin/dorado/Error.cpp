@@ -8,7 +8,7 @@
 namespace {
 
 constexpr int FILE_NAME_SIZE = 260;
-constexpr int LINUX_TEXT_SIZE = 260;
+constexpr std::size_t LINUX_TEXT_SIZE = 260;
 constexpr std::size_t HANDLER_MESSAGE_SIZE = 1024;
 
 using CodeText = Error::ErrorMapping;
@@ -16,6 +16,7 @@ using CodeText = Error::ErrorMapping;
 constexpr const char* NO_TEXT = "";
 
 constexpr int COMMON_BASE = 0;
+constexpr unsigned LAST_COMMON_CODE = 1023;
 constexpr CodeText COMMON_TEXTS[] = {
     {0, "No error"},
     {1, "Internal error in liborma"},
@@ -191,7 +192,7 @@ const char* MsgCatalog::getMsgStr(int code) const {
     if (std::strcmp(m_name, "OrmaError") != 0) {
         return NO_TEXT;
     }
-    if (static_cast<unsigned>(code) > 1023U) {
+    if (static_cast<unsigned>(code) > LAST_COMMON_CODE) {
         return textAt(MAPPING_TEXTS, code, MAPPING_BASE);
     }
     return textAt(COMMON_TEXTS, code, COMMON_BASE);
@@ -256,7 +257,8 @@ const char* LinuxError::getText() const {
     if (m_pText != nullptr) {
         return m_pText;
     }
-    char* buffer = new (std::nothrow) char[LINUX_TEXT_SIZE];
+    // Called by name: a compiler may drop an allocation that is written as an expression.
+    auto* buffer = static_cast<char*>(::operator new[](LINUX_TEXT_SIZE, std::nothrow));
     if (buffer != nullptr) {
         m_pText = nullptr;
         return s_pUnknownErrorString;

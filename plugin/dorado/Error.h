@@ -107,29 +107,41 @@ static_assert(sizeof(MsgCatalog) == 260);
 // True for the first error with this code, line and file in the process, false from then on.
 bool LogOnce(const Error& error);
 
-// The checks. Each logs its line at level 0 and throws, recording the place of use.
+// ---- Checks
+// --------------------------------------------------------------------------------------
+//
+// Each logs its line at level 0 and throws, recording the place of use.
+
+inline constexpr const char* VERIFY_PTR_TEXT = "Exception: VERIFY_PTR\n";
+inline constexpr const char* VERIFY_ORMA_TEXT = "Exception: VERIFY_ORMA\n";
+inline constexpr const char* VERIFY_ORMA_BOOL_TEXT = "Exception: VERIFY_ORMA_BOOL\n";
+
+[[noreturn]] inline void raiseOrmaError(const char* text, int code, const char* file, int line,
+                                        const char* function) {
+    if (LogHelper::isActive()) {
+        LogHelper::plugin_elog(function, file, line, nullptr, 0, "%s", text);
+    }
+    throw OrmaError(code, file, line, function);
+}
 
 #define VERIFY_PTR(pointer, code)                                                                  \
     do {                                                                                           \
         if ((pointer) == nullptr) {                                                                \
-            PLUGIN_LOG(0, "Exception: VERIFY_PTR\n");                                              \
-            throw OrmaError((code), SOURCE_FILE, __LINE__, __func__);                              \
+            raiseOrmaError(VERIFY_PTR_TEXT, (code), SOURCE_FILE, __LINE__, __func__);              \
         }                                                                                          \
     } while (false)
 
 #define VERIFY_ORMA(condition, code)                                                               \
     do {                                                                                           \
         if (!(condition)) {                                                                        \
-            PLUGIN_LOG(0, "Exception: VERIFY_ORMA\n");                                             \
-            throw OrmaError((code), SOURCE_FILE, __LINE__, __func__);                              \
+            raiseOrmaError(VERIFY_ORMA_TEXT, (code), SOURCE_FILE, __LINE__, __func__);             \
         }                                                                                          \
     } while (false)
 
 #define VERIFY_ORMA_BOOL(condition, code)                                                          \
     do {                                                                                           \
         if (!(condition)) {                                                                        \
-            PLUGIN_LOG(0, "Exception: VERIFY_ORMA_BOOL\n");                                        \
-            throw OrmaError((code), SOURCE_FILE, __LINE__, __func__);                              \
+            raiseOrmaError(VERIFY_ORMA_BOOL_TEXT, (code), SOURCE_FILE, __LINE__, __func__);        \
         }                                                                                          \
     } while (false)
 

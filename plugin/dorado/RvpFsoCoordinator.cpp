@@ -4,6 +4,7 @@
 #include "RvpFsoFile.h"
 #include "RvpFsoFileSystem.h"
 
+#include <cstdint>
 #include <cwchar>
 #include <memory>
 
@@ -11,6 +12,8 @@ namespace {
 
 constexpr int API_VERSION = 2;
 constexpr int OPEN_ACCESS_MASK = KMP_OPEN_READ | KMP_OPEN_WRITE;
+constexpr unsigned SMALL_SECTOR = 512;
+constexpr unsigned LARGE_SECTOR = 4096;
 constexpr uint32_t ANY_OBJECT = FSO_FILE_SYSTEM_OBJECT | FSO_FILE_OBJECT;
 
 // The name of a provider object's id; may be null.
@@ -25,19 +28,19 @@ class Checks {
 
     void require(bool condition, int code = KMP_EINVAL, int line = __builtin_LINE()) const {
         if (!condition) {
-            fail("Exception: VERIFY_ORMA_BOOL\n", code, line);
+            raiseOrmaError(VERIFY_ORMA_BOOL_TEXT, code, SOURCE_FILE, line, m_function);
         }
     }
 
     void requireReceived(bool condition, int line = __builtin_LINE()) const {
         if (!condition) {
-            fail("Exception: VERIFY_ORMA\n", KMP_EINVAL, line);
+            raiseOrmaError(VERIFY_ORMA_TEXT, KMP_EINVAL, SOURCE_FILE, line, m_function);
         }
     }
 
     void requirePointer(const void* pointer, int line = __builtin_LINE()) const {
         if (pointer == nullptr) {
-            fail("Exception: VERIFY_PTR\n", KMP_EINVAL, line);
+            raiseOrmaError(VERIFY_PTR_TEXT, KMP_EINVAL, SOURCE_FILE, line, m_function);
         }
     }
 
@@ -46,8 +49,10 @@ class Checks {
         require(object->provider != nullptr, KMP_EINVAL, line);
     }
 
-    // The provider object behind a record that passed requireObject, of a kind in `mask`.
-    RvpFsoObject* owner(const kmp_obj* object, uint32_t mask, int line = __builtin_LINE()) const {
+    // The provider object behind a record that passed requireObject, of a kind in `mask`. What the
+    // record points to may be anything: the signature tells, and a sanitizer must let it be read.
+    __attribute__((no_sanitize("vptr"))) RvpFsoObject* owner(const kmp_obj* object, uint32_t mask,
+                                                             int line = __builtin_LINE()) const {
         auto* target = static_cast<RvpFsoObject*>(object->provider);
         requireReceived(target->getSignature() == RvpFsoObject::SIGNATURE, line);
         requireReceived((target->getObjectType() & mask) != 0, line);
@@ -71,11 +76,6 @@ class Checks {
     const char* function() const { return m_function; }
 
   private:
-    [[noreturn]] void fail(const char* text, int code, int line) const {
-        PLUGIN_LOG_AS(m_function, line, 0, "%s", text);
-        throw OrmaError(code, SOURCE_FILE, line, m_function);
-    }
-
     const char* m_function;
 };
 
@@ -124,25 +124,25 @@ void RvpFsoCoordinator::rvpMapFini() {
 }
 
 template <typename Operation>
-int RvpFsoCoordinator::guarded(const char* function, Operation operation) {
+int RvpFsoCoordinator::guarded(CallSite site, Operation operation) {
     int result = KMP_OK;
     try {
-        const Checks checks(function);
-        checks.require(m_isInitialized, KMP_ENOTSTARTED);
+        const Checks checks(site.function);
+        checks.require(m_isInitialized, KMP_ENOTSTARTED, site.line);
         result = operation(checks);
     } catch (Error& error) {
         result = reported(error);
     }
-    return plugin_log_result(result, SOURCE_FILE, function);
+    return plugin_log_result(result, SOURCE_FILE, site.function, site.line);
 }
 
 // A claim answers with a km_claim: no result line, and KM_CLAIM_NONE after an error, whose code
 // goes to `caught`.
 template <typename Operation>
-int RvpFsoCoordinator::guardedClaim(const char* function, int& caught, Operation operation) {
+int RvpFsoCoordinator::guardedClaim(CallSite site, int& caught, Operation operation) {
     try {
-        const Checks checks(function);
-        checks.require(m_isInitialized, KMP_ENOTSTARTED);
+        const Checks checks(site.function);
+        checks.require(m_isInitialized, KMP_ENOTSTARTED, site.line);
         return operation(checks);
     } catch (Error& error) {
         caught = reported(error);
@@ -152,7 +152,7 @@ int RvpFsoCoordinator::guardedClaim(const char* function, int& caught, Operation
 
 int RvpFsoCoordinator::rvpMapClaimId(const struct km_objid* id) {
     int caught = KMP_OK;
-    const int answer = guardedClaim(__func__, caught, [&](const Checks& checks) {
+    const int answer = guardedClaim(here(), caught, [&](const Checks& checks) {
         checks.require(id != nullptr);
         checks.require(id->name != nullptr);
         PLUGIN_LOG_AS(checks.function(), __LINE__, 7, "Object Name:%s\n", id->name);
@@ -166,7 +166,7 @@ int RvpFsoCoordinator::rvpMapClaimId(const struct km_objid* id) {
 
 int RvpFsoCoordinator::rvpMapClaimVolume(const char* volumeName) {
     int caught = KMP_OK;
-    return guardedClaim(__func__, caught, [&](const Checks& checks) {
+    return guardedClaim(here(), caught, [&](const Checks& checks) {
         checks.require(volumeName != nullptr);
         return m_pFsMgr->claim(volumeName);
     });
@@ -174,7 +174,7 @@ int RvpFsoCoordinator::rvpMapClaimVolume(const char* volumeName) {
 
 int RvpFsoCoordinator::rvpMapOpenId(const struct km_objid* id, const char* name, kmp_obj** object,
                                     int flags, int* error, const void* /*extra*/) {
-    return guarded(__func__, [&](const Checks& checks) {
+    return guarded(here(), [&](const Checks& checks) {
         checks.require(id != nullptr);
         checks.require(object != nullptr);
         checks.require(error != nullptr);
@@ -186,7 +186,7 @@ int RvpFsoCoordinator::rvpMapOpenId(const struct km_objid* id, const char* name,
 int RvpFsoCoordinator::rvpMapOpenFileIndex(kmp_obj* fileSystem, unsigned long index,
                                            kmp_obj** object, int flags, int* error,
                                            const void* /*extra*/) {
-    return guarded(__func__, [&](const Checks& checks) {
+    return guarded(here(), [&](const Checks& checks) {
         checks.requireObject(fileSystem);
         checks.require(object != nullptr);
         checks.require(error != nullptr);
@@ -200,7 +200,7 @@ int RvpFsoCoordinator::rvpMapOpenFileIndex(kmp_obj* fileSystem, unsigned long in
 }
 
 int RvpFsoCoordinator::rvpMapClose(kmp_obj* object) {
-    return guarded(__func__, [&](const Checks& checks) {
+    return guarded(here(), [&](const Checks& checks) {
         checks.requireObject(object);
         RvpFsoObject* target = checks.namedOwner(object, ANY_OBJECT);
         const int result = target->close();
@@ -211,7 +211,7 @@ int RvpFsoCoordinator::rvpMapClose(kmp_obj* object) {
 }
 
 int RvpFsoCoordinator::rvpMapCheckConfigId(kmp_obj* object, int* result) {
-    return guarded(__func__, [&](const Checks& checks) {
+    return guarded(here(), [&](const Checks& checks) {
         checks.requireObject(object);
         checks.require(result != nullptr);
         RvpFsoObject* target = checks.owner(object, ANY_OBJECT);
@@ -225,7 +225,7 @@ int RvpFsoCoordinator::rvpMapCheckConfigId(kmp_obj* object, int* result) {
 
 int RvpFsoCoordinator::rvpMapGetConfigId(kmp_obj* object, const kmp_configid* in, kmp_configid* out,
                                          int* result) {
-    return guarded(__func__, [&](const Checks& checks) {
+    return guarded(here(), [&](const Checks& checks) {
         checks.requireObject(object);
         checks.require(in != nullptr);
         checks.require(out != nullptr);
@@ -237,7 +237,7 @@ int RvpFsoCoordinator::rvpMapGetConfigId(kmp_obj* object, const kmp_configid* in
 int RvpFsoCoordinator::rvpMapGetExtent(kmp_obj* object, unsigned long offset, kmp_extent* extents,
                                        int count, int* returned, int* flags,
                                        kmp_mapdomain_node* node) {
-    return guarded(__func__, [&](const Checks& checks) {
+    return guarded(here(), [&](const Checks& checks) {
         checks.requireObject(object);
         checks.require(extents != nullptr);
         checks.require(returned != nullptr);
@@ -249,7 +249,7 @@ int RvpFsoCoordinator::rvpMapGetExtent(kmp_obj* object, unsigned long offset, km
 }
 
 int RvpFsoCoordinator::rvpMapGetNames(kmp_obj* object, int which, kmp_name** names, int* count) {
-    return guarded(__func__, [&](const Checks& checks) {
+    return guarded(here(), [&](const Checks& checks) {
         checks.requireObject(object);
         checks.require(names != nullptr);
         checks.require(count != nullptr);
@@ -258,7 +258,7 @@ int RvpFsoCoordinator::rvpMapGetNames(kmp_obj* object, int which, kmp_name** nam
 }
 
 int RvpFsoCoordinator::rvpMapGetObjProp(kmp_obj* object, kmp_obj_prop** properties) {
-    return guarded(__func__, [&](const Checks& checks) {
+    return guarded(here(), [&](const Checks& checks) {
         checks.requireObject(object);
         checks.require(properties != nullptr);
         return checks.namedOwner(object, ANY_OBJECT)->getObjProp(properties);
@@ -266,7 +266,7 @@ int RvpFsoCoordinator::rvpMapGetObjProp(kmp_obj* object, kmp_obj_prop** properti
 }
 
 int RvpFsoCoordinator::rvpMapGetObjStats(kmp_obj* object, kmp_stats* stats) {
-    return guarded(__func__, [&](const Checks& checks) {
+    return guarded(here(), [&](const Checks& checks) {
         checks.requireObject(object);
         checks.require(stats != nullptr);
         return checks.namedOwner(object, ANY_OBJECT)->getObjStats(stats);
@@ -274,7 +274,7 @@ int RvpFsoCoordinator::rvpMapGetObjStats(kmp_obj* object, kmp_stats* stats) {
 }
 
 int RvpFsoCoordinator::rvpMapObjCtl(kmp_obj* object, int command, void* argument) {
-    return guarded(__func__, [&](const Checks& checks) {
+    return guarded(here(), [&](const Checks& checks) {
         checks.requireObject(object);
         RvpFsoObject* target = checks.owner(object, ANY_OBJECT);
         if (const char* name = nameOf(target)) {
@@ -286,7 +286,7 @@ int RvpFsoCoordinator::rvpMapObjCtl(kmp_obj* object, int command, void* argument
 
 int RvpFsoCoordinator::rvpMapReadDir(kmp_obj* object, kmp_io_req* request,
                                      unsigned long* position) {
-    return guarded(__func__, [&](const Checks& checks) {
+    return guarded(here(), [&](const Checks& checks) {
         checks.requireObject(object);
         checks.require(request != nullptr);
         checks.require(position != nullptr);
@@ -295,7 +295,7 @@ int RvpFsoCoordinator::rvpMapReadDir(kmp_obj* object, kmp_io_req* request,
 }
 
 int RvpFsoCoordinator::rvpMapStatFile(kmp_obj* object, kmp_file* stat) {
-    return guarded(__func__, [&](const Checks& checks) {
+    return guarded(here(), [&](const Checks& checks) {
         checks.requireObject(object);
         checks.require(stat != nullptr);
         return checks.namedOwner(object, FSO_FILE_OBJECT)->statFile(stat);
@@ -303,7 +303,7 @@ int RvpFsoCoordinator::rvpMapStatFile(kmp_obj* object, kmp_file* stat) {
 }
 
 int RvpFsoCoordinator::rvpMapStatFs(kmp_obj* fileSystem, kmp_fs* stat) {
-    return guarded(__func__, [&](const Checks& checks) {
+    return guarded(here(), [&](const Checks& checks) {
         checks.requireObject(fileSystem);
         checks.require(stat != nullptr);
         checks.requirePointer(fileSystem->provider);
@@ -320,7 +320,7 @@ int RvpFsoCoordinator::rvpMapStatFs(kmp_obj* fileSystem, kmp_fs* stat) {
 }
 
 int RvpFsoCoordinator::rvpMapFsExcludeUnallocated(kmp_obj* fileSystem) {
-    return guarded(__func__, [&](const Checks& checks) {
+    return guarded(here(), [&](const Checks& checks) {
         checks.requireObject(fileSystem);
         RvpFsoObject* target = checks.owner(fileSystem, FSO_FILE_SYSTEM_OBJECT);
         return m_pFsMgr->excludeUnallocated(asFileSystem(target));
@@ -328,7 +328,7 @@ int RvpFsoCoordinator::rvpMapFsExcludeUnallocated(kmp_obj* fileSystem) {
 }
 
 int RvpFsoCoordinator::rvpMapSetVolumeReadCallback(volume_read_callback read, void* context) {
-    return guarded(__func__, [&](const Checks& checks) {
+    return guarded(here(), [&](const Checks& checks) {
         checks.require(read != nullptr);
         return m_pFsMgr->setVolumeReadCallback(read, context);
     });
@@ -336,35 +336,35 @@ int RvpFsoCoordinator::rvpMapSetVolumeReadCallback(volume_read_callback read, vo
 
 int RvpFsoCoordinator::rvpMapSetVolumeOptimizeCallback(volume_optimize_callback optimize,
                                                        void* context) {
-    return guarded(__func__, [&](const Checks& checks) {
+    return guarded(here(), [&](const Checks& checks) {
         checks.require(optimize != nullptr);
         return m_pFsMgr->setVolumeOptimizeCallback(optimize, context);
     });
 }
 
 int RvpFsoCoordinator::rvpMapSetVolumeExtentCallback(volume_extent_callback extent, void* context) {
-    return guarded(__func__, [&](const Checks& checks) {
+    return guarded(here(), [&](const Checks& checks) {
         checks.require(extent != nullptr);
         return m_pFsMgr->setVolumeExtentCallback(extent, context);
     });
 }
 
 int RvpFsoCoordinator::rvpMapSetLogicalSectorSize(unsigned int sectorSize) {
-    return guarded(__func__, [&](const Checks& checks) {
-        checks.require(sectorSize == 512 || sectorSize == 4096);
+    return guarded(here(), [&](const Checks& checks) {
+        checks.require(sectorSize == SMALL_SECTOR || sectorSize == LARGE_SECTOR);
         return m_pFsMgr->setLogicalSectorSize(sectorSize);
     });
 }
 
 int RvpFsoCoordinator::rvpMapSetKeepAliveCallback(keep_alive_callback keepAlive) {
-    return guarded(__func__, [&](const Checks& checks) {
+    return guarded(here(), [&](const Checks& checks) {
         checks.require(keepAlive != nullptr);
         return m_pFsMgr->setKeepAliveCallback(keepAlive);
     });
 }
 
 int RvpFsoCoordinator::rvpMapErrMsg(int code, char** text) {
-    return guarded(__func__, [&](const Checks& checks) {
+    return guarded(here(), [&](const Checks& checks) {
         checks.require(text != nullptr);
         *text = const_cast<char*>(errorOf(code, checks.function())->getEnglishText());
         return int{KMP_OK};

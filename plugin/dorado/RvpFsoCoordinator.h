@@ -6,6 +6,7 @@
 #define DORADO_RVPFSOCOORDINATOR_H
 
 #include "RvpFsoFileSystemMgr.h"
+#include "SourcePlace.h"
 #include "kmp/kmp.h"
 
 #include <list>
@@ -58,9 +59,9 @@ class RvpFsoCoordinator {
 
   private:
     template <typename Operation>
-    int guarded(const char* function, Operation operation);
+    int guarded(CallSite site, Operation operation);
     template <typename Operation>
-    int guardedClaim(const char* function, int& caught, Operation operation);
+    int guardedClaim(CallSite site, int& caught, Operation operation);
     const OrmaError* errorOf(int code, const char* function);
 
     bool m_isInitialized;

@@ -4,6 +4,7 @@
 #include "FsoStatus.h"
 #include "RvpFsoFileSystem.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -14,13 +15,18 @@ namespace {
 
 constexpr const char* FSO_KMP_UNNAMED_FILE = "unnamed dorado file";
 
+struct FreeRuns {
+    void operator()(fso_extent* runs) const { ::operator delete[](runs); }
+};
+using RunArray = std::unique_ptr<fso_extent[], FreeRuns>;
+
 // Room for `count` records; a count whose bytes cannot be told in a size asks for more than there
 // is, so that the allocation fails.
-std::unique_ptr<fso_extent[]> allocateExtents(int count) {
+RunArray allocateExtents(int count) {
     const auto wanted = static_cast<std::size_t>(count);
     const bool overflows = wanted > SIZE_MAX / sizeof(fso_extent);
     void* room = ::operator new[](overflows ? SIZE_MAX : wanted * sizeof(fso_extent), std::nothrow);
-    return std::unique_ptr<fso_extent[]>(static_cast<fso_extent*>(room));
+    return RunArray(static_cast<fso_extent*>(room));
 }
 
 uint64_t roundedUp(uint64_t length, uint64_t unit) {
@@ -79,7 +85,7 @@ int RvpFsoFile::init(kmp_obj** object, int /*flags*/, int* openFlags) {
 
 int RvpFsoFile::getExtent(unsigned long offset, kmp_extent* extents, int capacity, int* count,
                           int* done, kmp_mapdomain_node* /*node*/) {
-    const std::unique_ptr<fso_extent[]> runs = allocateExtents(capacity);
+    const RunArray runs = allocateExtents(capacity);
     VERIFY_PTR(runs, KMP_EINVAL);
     const uint32_t status =
         fso->getExtents(fileIndex, offset, runs.get(), static_cast<uint32_t>(capacity),
@@ -155,11 +161,11 @@ int RvpFsoFile::readDir(kmp_io_req* request, unsigned long* count) {
 }
 
 int RvpFsoFile::getFileMetadata(kmp_extfile* metadata) {
-    VERIFY_PTR(metadata, KMP_EINVAL);
     fso_metadata record = {};
     if (const uint32_t status = fso->getMetadata(fileIndex, &record); status != FSO_OK) {
         return hostCodeOf(status);
     }
+    VERIFY_PTR(metadata, KMP_EINVAL);
     // These three words in this order: readers of the text know it so.
     V_snprintf(metadataText, sizeof metadataText, "%10o:%10o:%10o:", fileRecord.modifyTime.fraction,
                fileRecord.accessTime.fraction, fileRecord.createTime.fraction);

@@ -45,5 +45,6 @@ class RvpFsoFile : public RvpFsoObject, public RvpLinuxCommon {
   private:
     void fillExtent(kmp_extent& extent, const fso_extent& run) const;
 };
+static_assert(sizeof(RvpFsoFile) == 384);
 
 #endif

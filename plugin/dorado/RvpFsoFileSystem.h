@@ -54,5 +54,6 @@ class RvpFsoFileSystem : public RvpFsoObject {
     bool isReadable() const { return (openFlags & KMP_OPEN_READ) != 0; }
     int control(int command, void* argument);
 };
+static_assert(sizeof(RvpFsoFileSystem) == 424);
 
 #endif

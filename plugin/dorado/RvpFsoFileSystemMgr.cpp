@@ -40,13 +40,13 @@ RvpFsoFileSystemMgr::~RvpFsoFileSystemMgr() {
 }
 
 void RvpFsoFileSystemMgr::closeVolumes() {
-    auto* close =
+    auto* closeObject =
         findSymbol<decltype(closeFileSystemObject)>(libraryHandle, "closeFileSystemObject");
-    if (close == nullptr) {
+    if (closeObject == nullptr) {
         return;
     }
     for (auto& volume : volumes) {
-        if (close(&volume.second) != FSO_OK) {
+        if (closeObject(&volume.second) != FSO_OK) {
             PLUGIN_LOG_AS("~RvpFsoFileSystemMgr", __LINE__, 3, "Failed to close FSO object");
         }
     }
@@ -143,15 +143,16 @@ int RvpFsoFileSystemMgr::claim(const char* volumeName) {
         }
         ++plugin_init;
     }
-    auto* open = findSymbol<decltype(openFileSystemObject)>(libraryHandle, "openFileSystemObject");
-    VERIFY_PTR(open, KMP_EINVAL);
+    auto* openObject =
+        findSymbol<decltype(openFileSystemObject)>(libraryHandle, "openFileSystemObject");
+    VERIFY_PTR(openObject, KMP_EINVAL);
     IFileSystemObjectV1* fso = nullptr;
-    const uint32_t status =
-        open(&fso, logicalSectorSize, readCallback, readContext, FSOLogCallback, keepAliveCallback);
+    const uint32_t status = openObject(&fso, logicalSectorSize, readCallback, readContext,
+                                       FSOLogCallback, keepAliveCallback);
     int answer = KM_CLAIM_NONE;
     // An object that does not recognise the volume is left open: libraries count on being asked to
     // close claimed volumes only.
-    if (status == FSO_OK && fso->recognise()) {
+    if (status == FSO_OK && fso != nullptr && fso->recognise()) {
         volumes.emplace_back(volumeName, fso);
         answer = KM_CLAIM_SECONDARY;
     }
@@ -189,6 +190,7 @@ int RvpFsoFileSystemMgr::openId(const struct km_objid* id, const char* /*name*/,
         return plugin_log_result(KMP_EINTERNAL, SOURCE_FILE);
     }
     const auto* volume = findVolume(id->name);
+    VERIFY_PTR(volume, KMP_EINVAL);
     std::unique_ptr<RvpFsoFileSystem> fileSystem(new (std::nothrow)
                                                      RvpFsoFileSystem(volume->first));
     VERIFY_PTR(fileSystem, KMP_EINVAL);

@@ -69,6 +69,7 @@ class RvpFsoFileSystemMgr {
     void closeVolumes();
     void finishLibrary();
 };
+static_assert(sizeof(RvpFsoFileSystemMgr) == 376);
 
 // Closes and deletes a file object.
 void closeRvpFsoFile(RvpFsoFile* file);

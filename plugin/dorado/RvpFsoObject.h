@@ -57,5 +57,6 @@ class RvpFsoObject {
     SList<kmp_obj_prop> propList;
     SList<kmp_obj_link_prop> linkPropList;
 };
+static_assert(sizeof(RvpFsoObject) == 232);
 
 #endif

@@ -67,4 +67,6 @@ class SList {
     uint32_t count = 0;
 };
 
+static_assert(sizeof(SList<uint64_t>) == 32 && sizeof(SList<uint64_t>::SNode) == 32);
+
 #endif

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <new>
+#include <utility>
 
 namespace {
 
@@ -33,32 +34,31 @@ RvpFsoCoordinator* getCoordinator(RvpInstance* instance) {
 }
 
 // The coordinator, or null after the line that says so.
-RvpFsoCoordinator* coordinatorOf(RvpInstance* instance, const char* function,
-                                 int line = __builtin_LINE()) {
+RvpFsoCoordinator* coordinatorOrLine(RvpInstance* instance, CallSite site) {
     RvpFsoCoordinator* coordinator = getCoordinator(instance);
     if (coordinator == nullptr) {
-        PLUGIN_LOG_AS(function, line, 0, "coordinator not allocated successfully\n");
+        PLUGIN_LOG_AS(site.function, site.line, 0, "coordinator not allocated successfully\n");
     }
     return coordinator;
 }
 
 template <typename Method, typename... Arguments>
-int unloggedCall(const char* function, RvpInstance* instance, Method method,
-                 Arguments... arguments) {
-    RvpFsoCoordinator* coordinator = coordinatorOf(instance, function);
+int unloggedCall(CallSite site, RvpInstance* instance, Method method, Arguments... arguments) {
+    RvpFsoCoordinator* coordinator = coordinatorOrLine(instance, site);
     return coordinator != nullptr ? (coordinator->*method)(arguments...) : int{KMP_ENOTINIT};
 }
 
 // The shell of an entry point. The coordinator has logged the result as well; both lines stay.
 template <typename Method, typename... Arguments>
-int call(const char* function, RvpInstance* instance, Method method, Arguments... arguments) {
-    const int result = unloggedCall(function, instance, method, arguments...);
-    return plugin_log_result(result, SOURCE_FILE, function);
+int call(CallSite site, RvpInstance* instance, Method method, Arguments... arguments) {
+    const int result = unloggedCall(site, instance, method, arguments...);
+    return plugin_log_result(result, SOURCE_FILE, site.function, site.line);
 }
 
+// The shell of a claim: the answer is no code and has no line.
 template <typename Method, typename Argument>
-int claim(const char* function, RvpInstance* instance, Method method, Argument argument) {
-    RvpFsoCoordinator* coordinator = coordinatorOf(instance, function);
+int claim(CallSite site, RvpInstance* instance, Method method, Argument argument) {
+    RvpFsoCoordinator* coordinator = coordinatorOrLine(instance, site);
     return coordinator != nullptr ? (coordinator->*method)(argument) : int{KM_CLAIM_NONE};
 }
 
@@ -106,7 +106,7 @@ int rvp_map_init(RvpInstance** instance, kmp_ehandler* handler, int* apiVersion)
 }
 
 void rvp_map_fini(RvpInstance* instance) {
-    RvpFsoCoordinator* coordinator = coordinatorOf(instance, __func__);
+    RvpFsoCoordinator* coordinator = coordinatorOrLine(instance, here());
     if (coordinator == nullptr) {
         return;
     }
@@ -115,22 +115,22 @@ void rvp_map_fini(RvpInstance* instance) {
 }
 
 int rvp_map_claim_id(RvpInstance* instance, const struct km_objid* id) {
-    return claim(__func__, instance, &RvpFsoCoordinator::rvpMapClaimId, id);
+    return claim(here(), instance, &RvpFsoCoordinator::rvpMapClaimId, id);
 }
 
 int rvp_map_claim_volume(RvpInstance* instance, const char* volumeName) {
-    return claim(__func__, instance, &RvpFsoCoordinator::rvpMapClaimVolume, volumeName);
+    return claim(here(), instance, &RvpFsoCoordinator::rvpMapClaimVolume, volumeName);
 }
 
 int rvp_map_open_id(RvpInstance* instance, const struct km_objid* id, const char* name,
                     kmp_obj** object, int flags, int* error, const void* extra) {
-    return call(__func__, instance, &RvpFsoCoordinator::rvpMapOpenId, id, name, object, flags,
-                error, extra);
+    return call(here(), instance, &RvpFsoCoordinator::rvpMapOpenId, id, name, object, flags, error,
+                extra);
 }
 
 int rvp_map_open_file_index(RvpInstance* instance, kmp_obj* fileSystem, unsigned long index,
                             kmp_obj** object, int flags, int* error, const void* extra) {
-    const int result = unloggedCall(__func__, instance, &RvpFsoCoordinator::rvpMapOpenFileIndex,
+    const int result = unloggedCall(here(), instance, &RvpFsoCoordinator::rvpMapOpenFileIndex,
                                     fileSystem, index, object, flags, error, extra);
     if (result == KMP_ENOTALLOCATED || result == KMP_ERESERVEDINODE) {
         return result;
@@ -139,71 +139,70 @@ int rvp_map_open_file_index(RvpInstance* instance, kmp_obj* fileSystem, unsigned
 }
 
 int rvp_map_close(RvpInstance* instance, kmp_obj* object) {
-    return call(__func__, instance, &RvpFsoCoordinator::rvpMapClose, object);
+    return call(here(), instance, &RvpFsoCoordinator::rvpMapClose, object);
 }
 
 int rvp_map_check_configid(RvpInstance* instance, kmp_obj* object, int* result) {
-    return call(__func__, instance, &RvpFsoCoordinator::rvpMapCheckConfigId, object, result);
+    return call(here(), instance, &RvpFsoCoordinator::rvpMapCheckConfigId, object, result);
 }
 
 int rvp_map_get_configid(RvpInstance* instance, kmp_obj* object, const kmp_configid* in,
                          kmp_configid* out, int* result) {
-    return call(__func__, instance, &RvpFsoCoordinator::rvpMapGetConfigId, object, in, out, result);
+    return call(here(), instance, &RvpFsoCoordinator::rvpMapGetConfigId, object, in, out, result);
 }
 
 int rvp_map_get_extent(RvpInstance* instance, kmp_obj* object, unsigned long offset,
                        kmp_extent* extents, int count, int* returned, int* flags,
                        kmp_mapdomain_node* node) {
-    return call(__func__, instance, &RvpFsoCoordinator::rvpMapGetExtent, object, offset, extents,
+    return call(here(), instance, &RvpFsoCoordinator::rvpMapGetExtent, object, offset, extents,
                 count, returned, flags, node);
 }
 
 int rvp_map_get_names(RvpInstance* instance, kmp_obj* object, int which, kmp_name** names,
                       int* count) {
-    return call(__func__, instance, &RvpFsoCoordinator::rvpMapGetNames, object, which, names,
-                count);
+    return call(here(), instance, &RvpFsoCoordinator::rvpMapGetNames, object, which, names, count);
 }
 
 int rvp_map_get_obj_prop(RvpInstance* instance, kmp_obj* object, kmp_obj_prop** properties) {
-    return call(__func__, instance, &RvpFsoCoordinator::rvpMapGetObjProp, object, properties);
+    return call(here(), instance, &RvpFsoCoordinator::rvpMapGetObjProp, object, properties);
 }
 
 int rvp_map_get_obj_stats(RvpInstance* instance, kmp_obj* object, kmp_stats* stats) {
-    return call(__func__, instance, &RvpFsoCoordinator::rvpMapGetObjStats, object, stats);
+    return call(here(), instance, &RvpFsoCoordinator::rvpMapGetObjStats, object, stats);
 }
 
 int rvp_map_objctl(RvpInstance* instance, kmp_obj* object, int command, void* argument) {
-    return call(__func__, instance, &RvpFsoCoordinator::rvpMapObjCtl, object, command, argument);
+    return call(here(), instance, &RvpFsoCoordinator::rvpMapObjCtl, object, command, argument);
 }
 
 int rvp_map_readdir(RvpInstance* instance, kmp_obj* object, kmp_io_req* request,
                     unsigned long* position) {
-    return call(__func__, instance, &RvpFsoCoordinator::rvpMapReadDir, object, request, position);
+    return call(here(), instance, &RvpFsoCoordinator::rvpMapReadDir, object, request, position);
 }
 
 int rvp_map_stat_file(RvpInstance* instance, kmp_obj* object, kmp_file* stat) {
-    return call(__func__, instance, &RvpFsoCoordinator::rvpMapStatFile, object, stat);
+    return call(here(), instance, &RvpFsoCoordinator::rvpMapStatFile, object, stat);
 }
 
 int rvp_map_stat_fs(RvpInstance* instance, kmp_obj* fileSystem, kmp_fs* stat) {
-    return call(__func__, instance, &RvpFsoCoordinator::rvpMapStatFs, fileSystem, stat);
+    return call(here(), instance, &RvpFsoCoordinator::rvpMapStatFs, fileSystem, stat);
 }
 
 int rvp_map_fs_exclude_unallocated(RvpInstance* instance, kmp_obj* fileSystem) {
-    return call(__func__, instance, &RvpFsoCoordinator::rvpMapFsExcludeUnallocated, fileSystem);
+    return call(here(), instance, &RvpFsoCoordinator::rvpMapFsExcludeUnallocated, fileSystem);
 }
 
 int rvp_map_set_volume_read_callback(RvpInstance* instance,
                                      bool (*read)(void*, unsigned long, unsigned long, char*),
                                      void* context) {
-    return call(__func__, instance, &RvpFsoCoordinator::rvpMapSetVolumeReadCallback, read, context);
+    return call(here(), instance, &RvpFsoCoordinator::rvpMapSetVolumeReadCallback, read, context);
 }
 
 int rvp_map_set_volume_optimize_callback(RvpInstance* instance,
                                          bool (*optimize)(void*, unsigned long, unsigned long,
                                                           bool),
                                          void* context) {
-    return call(__func__, instance, &RvpFsoCoordinator::rvpMapSetVolumeOptimizeCallback, optimize,
+    return call(here(), instance, &RvpFsoCoordinator::rvpMapSetVolumeOptimizeCallback, optimize,
                 context);
 }
 
@@ -211,20 +210,20 @@ int rvp_map_set_volume_extent_callback(RvpInstance* instance,
                                        bool (*extent)(void*, unsigned long, unsigned long,
                                                       unsigned long&, bool&),
                                        void* context) {
-    return call(__func__, instance, &RvpFsoCoordinator::rvpMapSetVolumeExtentCallback, extent,
+    return call(here(), instance, &RvpFsoCoordinator::rvpMapSetVolumeExtentCallback, extent,
                 context);
 }
 
 int rvp_map_set_logical_sector_size(RvpInstance* instance, unsigned int sectorSize) {
-    return call(__func__, instance, &RvpFsoCoordinator::rvpMapSetLogicalSectorSize, sectorSize);
+    return call(here(), instance, &RvpFsoCoordinator::rvpMapSetLogicalSectorSize, sectorSize);
 }
 
 int rvp_map_set_keep_alive_callback(RvpInstance* instance, int (*keepAlive)(void*)) {
-    return call(__func__, instance, &RvpFsoCoordinator::rvpMapSetKeepAliveCallback, keepAlive);
+    return call(here(), instance, &RvpFsoCoordinator::rvpMapSetKeepAliveCallback, keepAlive);
 }
 
 int rvp_map_errmsg(RvpInstance* instance, int code, char** text) {
-    return call(__func__, instance, &RvpFsoCoordinator::rvpMapErrMsg, code, text);
+    return call(here(), instance, &RvpFsoCoordinator::rvpMapErrMsg, code, text);
 }
 
 } // extern "C"

@@ -5,7 +5,6 @@
 #include <ctime>
 #include <memory>
 #include <new>
-#include <string>
 #include <strings.h>
 
 namespace {
@@ -21,7 +20,7 @@ constexpr int INACTIVE = 2;
 
 struct TraceFile {
     TraceFile* next;
-    std::string name;
+    char name[CONTROL_LINE_SIZE];
 };
 
 int s_log = UNDECIDED;
@@ -43,10 +42,11 @@ constexpr LevelLabel LEVEL_LABELS[] = {
 constexpr LevelLabel UNKNOWN_LABEL = {-1, "Unknown Error", KMP_SEVERITY_INFO};
 
 void appendTraceFile(const char* name) {
-    auto* node = new (std::nothrow) TraceFile{nullptr, name};
+    auto* node = new (std::nothrow) TraceFile{};
     if (node == nullptr) {
         return;
     }
+    V_strlcpy(node->name, name, sizeof node->name);
     TraceFile** tail = &s_traceFileHead;
     while (*tail != nullptr) {
         tail = &(*tail)->next;
@@ -151,7 +151,7 @@ bool fileIsTraced(const char* file) {
         return true;
     }
     for (const TraceFile* node = s_traceFileHead; node != nullptr; node = node->next) {
-        if (strcasecmp(node->name.c_str(), file) == 0) {
+        if (strcasecmp(node->name, file) == 0) {
             return true;
         }
     }

@@ -1,7 +1,8 @@
 // Where in the source a log line or an error comes from.
 //
 // SOURCE_FILE names the current source by its path from the repository's root, a .cpp without its
-// extension, however the compiler was called. The text has static storage duration.
+// extension, as long as the path given to the compiler shows the folder `plugin`. The text has
+// static storage duration.
 #ifndef PLUGINLIB_SOURCEPLACE_H
 #define PLUGINLIB_SOURCEPLACE_H
 
@@ -27,6 +28,16 @@ struct SourcePath {
 template <SourcePath Path>
 constexpr const char* sourcePathText() {
     return Path.text;
+}
+
+// The operation that logs or fails, where a helper below it does so in its name.
+struct CallSite {
+    const char* function;
+    int line;
+};
+
+constexpr CallSite here(const char* function = __builtin_FUNCTION(), int line = __builtin_LINE()) {
+    return {function, line};
 }
 
 // A macro because __FILE__ must be that of the place of use.

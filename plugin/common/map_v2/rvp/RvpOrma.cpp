@@ -1,9 +1,11 @@
 #include "RvpOrma.h"
 
 #include "LogHelper.h"
+#include "kmp/kmp.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -16,6 +18,10 @@ namespace {
 
 constexpr std::size_t COPY_BLOCK_SIZE = 1024;
 
+std::size_t roomOf(int size) {
+    return size > 0 ? static_cast<std::size_t>(size) : 0;
+}
+
 // Indexed by remainder + 35, so that negative remainders find their digit too.
 constexpr char DIGITS[] = "zyxwvutsrqponmlkjihgfedcba9876543210123456789abcdefghijklmnopqrstuvwxyz";
 constexpr int ZERO_DIGIT = 35;
@@ -26,6 +32,7 @@ int s_tempFileCounter = 0;
 struct CloseFile {
     void operator()(std::FILE* file) const { std::fclose(file); }
 };
+// What the last flush at the close says is not asked: a copy that got so far counts as done.
 using File = std::unique_ptr<std::FILE, CloseFile>;
 
 // False after a read or write error, which `function` has then logged.
@@ -73,15 +80,15 @@ int GetLastError() {
 }
 
 int GetTempPath(int size, char* buffer) {
-    V_strlcpy(buffer, "/tmp", static_cast<std::size_t>(size));
+    V_strlcpy(buffer, "/tmp", roomOf(size));
     return 1;
 }
 
 int GetTempFileName(char* directory, int size, char* prefix, unsigned int /*unique*/,
                     char* result) {
     std::srand(static_cast<unsigned>(std::time(nullptr)));
-    V_snprintf(result, static_cast<std::size_t>(size), "%s/%s%d_%d_%d", directory, prefix,
-               std::rand(), static_cast<int>(getpid()), s_tempFileCounter);
+    V_snprintf(result, roomOf(size), "%s/%s%d_%d_%d", directory, prefix, std::rand(),
+               static_cast<int>(getpid()), s_tempFileCounter);
     ++s_tempFileCounter;
     return 1;
 }

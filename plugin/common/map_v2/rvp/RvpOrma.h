@@ -9,7 +9,7 @@
 #include <pthread.h>
 
 void InitializeCriticalSection(pthread_mutex_t* section);
-// 0, or the errno value of the mutex call; so do the next two.
+// 0 or the errno value of the mutex call; likewise the next two.
 int EnterCriticalSection(pthread_mutex_t* section);
 int LeaveCriticalSection(pthread_mutex_t* section);
 int DeleteCriticalSection(pthread_mutex_t* section);

@@ -1,0 +1,115 @@
+// The library as the provider meets it: the file with its entry points, what it refuses, and how it
+// treats the host's callbacks.
+#include "Image.h"
+
+#include <cstring>
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+constexpr std::size_t INCOMPAT_OFFSET = 1024 + 0x60;
+
+template <typename Function>
+Function* symbol(void* library, const char* name) {
+    return reinterpret_cast<Function*>(dlsym(library, name));
+}
+
+TEST(LibraryTest, ExportsItsFourEntryPointsOnly) {
+    void* library = dlopen(LIBFSO_PATH, RTLD_LAZY | RTLD_LOCAL);
+    ASSERT_NE(library, nullptr) << dlerror();
+    auto* init = symbol<decltype(libInit)>(library, "libInit");
+    auto* open = symbol<decltype(openFileSystemObject)>(library, "openFileSystemObject");
+    auto* close = symbol<decltype(closeFileSystemObject)>(library, "closeFileSystemObject");
+    auto* fini = symbol<decltype(libFini)>(library, "libFini");
+    ASSERT_TRUE(init != nullptr && open != nullptr && close != nullptr && fini != nullptr);
+    const std::string names = outputOf("nm -D --defined-only " LIBFSO_PATH " | wc -l");
+    EXPECT_EQ(std::stoi(names), 4);
+
+    const fso_info* info = init("/some/where/");
+    ASSERT_NE(info, nullptr);
+    EXPECT_STREQ(info->name, "ext2/ext3/ext4");
+    EXPECT_NE(std::string(info->build).find("libext2fs"), std::string::npos);
+    EXPECT_EQ(info->next, nullptr);
+
+    const auto fail = [](void*, unsigned long, unsigned long, char*) { return false; };
+    IFileSystemObjectV1* object = nullptr;
+    ASSERT_EQ(open(&object, 512, fail, nullptr, nullptr, nullptr), FSO_OK);
+    EXPECT_FALSE(object->recognise());
+    EXPECT_EQ(close(&object), FSO_OK);
+    EXPECT_EQ(object, nullptr);
+    EXPECT_EQ(close(&object), FSO_INVALID);
+    fini(info);
+    dlclose(library);
+}
+
+TEST(LibraryTest, BadArgumentsAreRefused) {
+    const auto fail = [](void*, unsigned long, unsigned long, char*) { return false; };
+    IFileSystemObjectV1* object = nullptr;
+    EXPECT_EQ(openFileSystemObject(nullptr, 512, fail, nullptr, nullptr, nullptr), FSO_INVALID);
+    EXPECT_EQ(openFileSystemObject(&object, 512, nullptr, nullptr, nullptr, nullptr), FSO_INVALID);
+    EXPECT_EQ(openFileSystemObject(&object, 520, fail, nullptr, nullptr, nullptr), FSO_INVALID);
+    EXPECT_EQ(object, nullptr);
+
+    const Image image("-t ext4 -b 1024", "8M");
+    const Host host(image);
+    std::uint32_t count = 0;
+    fso_extent extent;
+    fso_dir_request request{};
+    EXPECT_EQ(host.object->rootIndex(nullptr), FSO_INVALID);
+    EXPECT_EQ(host.object->statFs(nullptr), FSO_INVALID);
+    EXPECT_EQ(host.object->openFile(2, nullptr, &count), FSO_INVALID);
+    EXPECT_EQ(host.object->readDir(2, nullptr, &count), FSO_INVALID);
+    EXPECT_EQ(host.object->readDir(2, &request, &count), FSO_INVALID);
+    EXPECT_EQ(host.object->getExtents(2, 0, nullptr, 1, &count), FSO_INVALID);
+    EXPECT_EQ(host.object->getExtents(2, 0, &extent, 0, &count), FSO_INVALID);
+    EXPECT_EQ(host.object->getMetadata(2, nullptr), FSO_INVALID);
+}
+
+TEST(LibraryTest, ForeignVolumesAreNotRecognised) {
+    for (const std::size_t size : {0, 600, 2048, 1 << 20}) {
+        const Host host(std::string(size, 'x'));
+        EXPECT_FALSE(host.recognised);
+        EXPECT_TRUE(host.log.empty());
+        std::uint64_t root = 0;
+        EXPECT_EQ(host.object->rootIndex(&root), FSO_NOT_INITIALISED);
+    }
+}
+
+TEST(LibraryTest, FeaturesThatCannotBeReadAreNamed) {
+    const Image image("-t ext4 -b 1024", "8M");
+    std::string bytes = image.bytes();
+    const char before = bytes[INCOMPAT_OFFSET];
+    bytes[INCOMPAT_OFFSET] = static_cast<char>(before | 0x1);
+    bytes[INCOMPAT_OFFSET + 3] = 0x40;
+    const Host host(bytes);
+    EXPECT_FALSE(host.recognised);
+    EXPECT_TRUE(host.logged("feature compression cannot be read"));
+    EXPECT_TRUE(host.logged("feature FEATURE_I30 cannot be read"));
+}
+
+TEST(LibraryTest, AWaitingJournalIsReportedAndTheVolumeServed) {
+    const Image image("-t ext4 -b 1024", "8M");
+    image.change("feature needs_recovery\nssv state 2");
+    const Host host(image);
+    ASSERT_TRUE(host.recognised);
+    EXPECT_TRUE(host.logged("served as it lies"));
+    EXPECT_EQ(host.log[0].back(), '\n');
+    fso_fs_record fs;
+    ASSERT_EQ(host.object->statFs(&fs), FSO_OK);
+    EXPECT_EQ(fs.state, FSO_FS_NEEDS_RECOVERY | FSO_FS_HAS_ERRORS);
+    EXPECT_EQ(host.list(2).size(), 1U);
+}
+
+TEST(LibraryTest, LargeSectorsAndTheLastBytesOfTheVolume) {
+    TemporaryFolder source;
+    writeFile(source / "file", pattern(20000));
+    const Image image("-t ext2 -b 1024", "3001K", source / ""); // no whole window at the end
+    const Host host(image.bytes() + std::string(3 * 1024, '\0'), 4096);
+    ASSERT_TRUE(host.recognised);
+    EXPECT_TRUE(host.content(host.find("/file")) == pattern(20000));
+    const Host unknown(image.bytes(), 0); // a host that was never told the sector size
+    EXPECT_TRUE(unknown.recognised);
+}
+
+} // namespace
