@@ -7,6 +7,14 @@ constexpr int64_t NANOSECONDS = 1'000'000'000;
 constexpr uint32_t NANOSECOND_MASK = (1U << 30) - 1;
 constexpr std::size_t POINT_AND_DECIMALS = 10;
 
+// The leading one keeps the zeros behind it and then makes room for the point.
+void appendDecimals(TextBuffer& out, uint32_t nanoseconds) {
+    const fmt::format_int digits(1'000'000'000U + nanoseconds);
+    char* place = grow(out, POINT_AND_DECIMALS);
+    std::memcpy(place, digits.data(), POINT_AND_DECIMALS);
+    *place = '.';
+}
+
 } // namespace
 
 timespec toTimespec(const km_time& time) {
@@ -37,9 +45,7 @@ void appendSeconds(TextBuffer& out, const km_time& time) {
         }
     }
     appendNumber(out, static_cast<uint64_t>(seconds));
-    // The leading one keeps the zeros behind it and then makes room for the point.
-    appendNumber(out, static_cast<uint64_t>(NANOSECONDS + nanoseconds));
-    out[out.size() - POINT_AND_DECIMALS] = '.';
+    appendDecimals(out, static_cast<uint32_t>(nanoseconds));
 }
 
 std::string localTime(const km_time& time) {

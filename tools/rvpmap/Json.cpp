@@ -23,12 +23,14 @@ void appendEscaped(TextBuffer& out, std::string_view character) {
     }
 }
 
-inline void appendMember(TextBuffer& out, std::string_view key, uint64_t value) {
+[[gnu::always_inline]] inline void appendMember(TextBuffer& out, std::string_view key,
+                                                uint64_t value) {
     append(out, key);
     appendNumber(out, value);
 }
 
-inline void appendTime(TextBuffer& out, std::string_view key, const km_time& time) {
+[[gnu::always_inline]] inline void appendTime(TextBuffer& out, std::string_view key,
+                                              const km_time& time) {
     append(out, key);
     appendSeconds(out, time);
 }

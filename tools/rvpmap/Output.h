@@ -11,11 +11,15 @@
 // What formatters append to.
 using TextBuffer = fmt::basic_memory_buffer<char, 1024>;
 
-// Inline, since the catalogue consists of little else.
-inline void append(TextBuffer& buffer, std::string_view text) {
+// The catalogue consists of little else, so these are inlined wherever they are called.
+[[gnu::always_inline]] inline char* grow(TextBuffer& buffer, std::size_t bytes) {
     const std::size_t at = buffer.size();
-    buffer.resize(at + text.size());
-    std::memcpy(buffer.data() + at, text.data(), text.size());
+    buffer.resize(at + bytes);
+    return buffer.data() + at;
+}
+
+[[gnu::always_inline]] inline void append(TextBuffer& buffer, std::string_view text) {
+    std::memcpy(grow(buffer, text.size()), text.data(), text.size());
 }
 
 inline void appendNumber(TextBuffer& buffer, uint64_t value) {

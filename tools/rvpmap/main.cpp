@@ -95,7 +95,9 @@ ExitStatus runReported(const Options& options) {
 } // namespace
 
 int main(int count, char** arguments) {
+    // A reader that has gone and a file that may not grow are errors of a write.
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
     ExitStatus status = ExitStatus::DONE;
     if (const auto options = parseOptions(count, arguments, &status)) {
         setUpLogging(*options);

@@ -1,0 +1,145 @@
+// A file-system-object library whose answers contradict themselves: one file or directory for each
+// way in which a caller could be led into an endless loop or outside its buffer.
+#include "fso/IFileSystemObjectV1.h"
+
+#include <cstring>
+#include <iterator>
+#include <string_view>
+#include <sys/stat.h>
+
+namespace {
+
+enum Index : uint64_t { ROOT = 2, ENDLESS, HOLES, ZERO, HUGE_RUN, STUCK, OVERRUN, SHORT, PLAIN };
+
+struct Entry {
+    Index index;
+    std::string_view name;
+};
+constexpr Entry ENTRIES[] = {{ENDLESS, "endless"},
+                             {HOLES, "holes"},
+                             {ZERO, "zero"},
+                             {HUGE_RUN, "huge"},
+                             {STUCK, "stuck"},
+                             {OVERRUN, "overrun"},
+                             {SHORT, "short"},
+                             {PLAIN, "plain"},
+                             {PLAIN, ".."},
+                             {PLAIN, "."},
+                             {PLAIN, ""},
+                             {PLAIN, "../evil"},
+                             {PLAIN, "/tmp/rvpmap-evil"},
+                             {PLAIN, "a/b"}};
+
+bool isDirectory(uint64_t index) {
+    return index == ROOT || index == STUCK || index == OVERRUN || index == SHORT;
+}
+
+uint32_t putEntry(char* to, const Entry& entry, uint64_t next) {
+    fso_dir_entry record = {};
+    record.index = entry.index;
+    record.next = next;
+    record.recordLength = sizeof record + 24;
+    record.nameLength = static_cast<uint32_t>(entry.name.size());
+    std::memcpy(to, &record, sizeof record);
+    entry.name.copy(to + sizeof record, entry.name.size());
+    return record.recordLength;
+}
+
+class HostileVolume : public IFileSystemObjectV1 {
+  public:
+    bool recognise() override { return true; }
+    uint32_t rootIndex(uint64_t* index) override {
+        *index = ROOT;
+        return FSO_OK;
+    }
+    uint32_t statFs(fso_fs_record* record) override {
+        *record = {};
+        record->blockSize = 1024;
+        record->blockCount = 64;
+        record->fileCount = 64;
+        return FSO_OK;
+    }
+    uint32_t openFile(uint64_t index, fso_file_record* record, uint32_t* /*flags*/) override {
+        *record = {};
+        record->mode = isDirectory(index) ? S_IFDIR : S_IFREG;
+        record->size = 4096;
+        record->index = index;
+        return FSO_OK;
+    }
+    uint32_t readDir(uint64_t index, fso_dir_request* request, uint32_t* count) override {
+        char* to = reinterpret_cast<char*>(request->buffer);
+        *count = 1;
+        switch (index) {
+        case STUCK:
+            request->resultCount = putEntry(to, {PLAIN, "again"}, 1);
+            return FSO_OK;
+        case OVERRUN:
+            request->resultCount = putEntry(to, {PLAIN, "x"}, 1) - 8;
+            return FSO_OK;
+        case SHORT:
+            request->resultCount = 8;
+            return FSO_OK;
+        default:
+            return readRoot(to, request, count);
+        }
+    }
+    uint32_t getExtents(uint64_t index, uint64_t offset, fso_extent* extents, uint32_t /*capacity*/,
+                        uint32_t* count) override {
+        *count = 1;
+        extents[0] = {offset % 32768, 1024, 0, 0};
+        switch (index) {
+        case HOLES:
+            extents[0].flags = FSO_EXTENT_HOLE;
+            break;
+        case ZERO:
+            extents[0].length = 0;
+            break;
+        case HUGE_RUN:
+            extents[0].length = offset == 0 ? 512 : ~uint64_t{0} - 511;
+            break;
+        case ENDLESS:
+            break;
+        default:
+            extents[0].flags = FSO_EXTENT_LAST;
+        }
+        return FSO_OK;
+    }
+    uint32_t getMetadata(uint64_t /*index*/, fso_metadata* /*metadata*/) override {
+        return FSO_UNSUPPORTED;
+    }
+    uint32_t closeFile(uint64_t /*index*/) override { return FSO_OK; }
+
+  private:
+    static uint32_t readRoot(char* to, fso_dir_request* request, uint32_t* count) {
+        request->resultCount = 0;
+        *count = 0;
+        for (uint64_t i = request->position; i < std::size(ENTRIES); ++i) {
+            request->resultCount += putEntry(to + request->resultCount, ENTRIES[i], i + 1);
+            ++*count;
+        }
+        return FSO_OK;
+    }
+};
+
+const fso_info INFO = {"hostile", "1", "test", nullptr};
+
+} // namespace
+
+const fso_info* libInit(const char* /*directory*/) {
+    return &INFO;
+}
+
+uint32_t openFileSystemObject(IFileSystemObjectV1** object, uint32_t /*sectorSize*/,
+                              fso_read_callback /*read*/, void* /*context*/,
+                              fso_log_callback /*log*/, fso_keep_alive_callback /*keepAlive*/) {
+    static HostileVolume volume;
+    *object = &volume;
+    return FSO_OK;
+}
+
+uint32_t closeFileSystemObject(IFileSystemObjectV1** object) {
+    *object = nullptr;
+    return FSO_OK;
+}
+
+void libFini(const fso_info* /*head*/) {}

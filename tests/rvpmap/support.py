@@ -1,0 +1,77 @@
+"""Images made by e2fsprogs and the tool run on them."""
+import json
+import os
+import pathlib
+import shutil
+import subprocess
+import tempfile
+import unittest
+
+TOOL = os.environ["RVPMAP"]
+SBIN = os.pathsep.join([os.environ["PATH"], "/usr/sbin", "/sbin"])
+
+MEMORY = "/dev/shm"
+
+
+def fast_folder():
+    """Memory, where there is enough of it: disks are slow at many small files."""
+    try:
+        status = os.statvfs(MEMORY)
+    except OSError:
+        return None
+    roomy = status.f_bavail * status.f_frsize > 2 << 30
+    return MEMORY if roomy and os.access(MEMORY, os.W_OK) else None
+
+
+class ToolTest(unittest.TestCase):
+    """A test case with a folder of its own, which is the working directory of the tool."""
+
+    def setUp(self):
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="rvpmap-test-", dir=fast_folder()))
+        self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
+        self.source = self.folder / "source"
+        self.source.mkdir()
+
+    def command(self, *arguments):
+        environment = dict(os.environ, PATH=SBIN)
+        return subprocess.run(arguments, cwd=self.folder, env=environment, check=True,
+                              capture_output=True).stdout
+
+    def image(self, *options, size="16M", name="image"):
+        """A file system that holds the source folder."""
+        self.command("mke2fs", "-q", "-F", "-t", "ext4", "-b", "1024", *options, "-d", "source",
+                     name, size)
+
+    def debugfs(self, *requests, name="image"):
+        for request in requests:
+            self.command("debugfs", "-w", "-R", request, name)
+
+    def ask_debugfs(self, request, name="image"):
+        return self.command("debugfs", "-R", request, name).decode()
+
+    def patch(self, old, new, name="image"):
+        """Replaces bytes of the image, which must be there."""
+        path = self.folder / name
+        data = path.read_bytes()
+        self.assertIn(old, data)
+        path.write_bytes(data.replace(old, new))
+
+    def run_tool(self, *arguments, status=0, **options):
+        done = subprocess.run([TOOL, *arguments], cwd=self.folder, stdin=subprocess.DEVNULL,
+                              stdout=options.pop("stdout", subprocess.PIPE),
+                              stderr=subprocess.PIPE, timeout=60, **options)
+        self.assertEqual(done.returncode, status, (arguments, done.stderr, (done.stdout or b"")[:500]))
+        return done
+
+    def text(self, *arguments, **options):
+        return self.run_tool(*arguments, **options).stdout.decode()
+
+    def message(self, *arguments, status):
+        return self.run_tool(*arguments, status=status).stderr.decode()
+
+    def json(self, *arguments, **options):
+        return json.loads(self.run_tool(*arguments, "--json", **options).stdout)
+
+    def catalog(self, *arguments, **options):
+        output = self.run_tool("catalog", "--format", "ndjson", *arguments, **options).stdout
+        return [json.loads(line) for line in output.splitlines()]
