@@ -32,8 +32,8 @@ class Volume {
                                                       ...) noexcept;
 
   private:
-    static constexpr std::size_t WINDOW_SIZE = std::size_t{64} << 10;
-    static constexpr std::size_t WINDOW_COUNT = 64;
+    static constexpr std::size_t WINDOW_SIZE = std::size_t{16} << 10;
+    static constexpr std::size_t WINDOW_COUNT = 128;
     static constexpr std::size_t REMEMBERED_LINES = 256;
 
     // The bytes from `number` * WINDOW_SIZE on; `valid` of them could be read.

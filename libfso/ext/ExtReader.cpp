@@ -39,12 +39,18 @@ void ExtReader::statFs(fso_fs_record& record) const {
 
 // The inode is valid until the next call.
 fso_status ExtReader::inodeFor(std::uint64_t index, const ExtInode** inode) {
+    if (index != 0 && m_recent[m_latest].number() == index) {
+        *inode = &m_recent[m_latest];
+        return FSO_OK;
+    }
     const auto found = std::ranges::find(m_recent, index, &ExtInode::number);
     if (index != 0 && found != m_recent.end()) {
+        m_latest = static_cast<std::size_t>(found - m_recent.begin());
         *inode = &*found;
         return FSO_OK;
     }
-    ExtInode& slot = m_recent[m_nextRecent];
+    m_latest = m_nextRecent;
+    ExtInode& slot = m_recent[m_latest];
     m_nextRecent = (m_nextRecent + 1) % m_recent.size();
     slot.forget();
     const fso_status status = m_fs->readInode(index, slot);
@@ -57,7 +63,16 @@ fso_status ExtReader::inodeFor(std::uint64_t index, const ExtInode** inode) {
 
 // The host closes every file that it tried to open, so failures count as well.
 fso_status ExtReader::openFile(std::uint64_t index, fso_file_record& record) {
-    ++m_open[index].opens;
+    const auto known = m_open.find(index);
+    if (known != m_open.end()) {
+        ++known->second.opens;
+    } else if (m_spare) {
+        m_spare.key() = index;
+        m_spare.mapped() = {1, nullptr};
+        m_open.insert(std::move(m_spare));
+    } else {
+        m_open.emplace(index, OpenFile{1, nullptr});
+    }
     const ExtInode* inode = nullptr;
     const fso_status status = inodeFor(index, &inode);
     if (status == FSO_OK) {
@@ -69,7 +84,8 @@ fso_status ExtReader::openFile(std::uint64_t index, fso_file_record& record) {
 void ExtReader::closeFile(std::uint64_t index) {
     const auto found = m_open.find(index);
     if (found != m_open.end() && --found->second.opens == 0) {
-        m_open.erase(found);
+        found->second.metadata.reset();
+        m_spare = m_open.extract(found);
     }
 }
 

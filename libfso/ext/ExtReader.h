@@ -51,8 +51,10 @@ class ExtReader final : public Reader {
     MapNodes m_nodes;
     ExtDirectory m_directory;
     std::array<ExtInode, 16> m_recent; // replaced in turn
+    std::size_t m_latest = 0;          // the slot that was used last
     std::size_t m_nextRecent = 0;
     std::unordered_map<std::uint64_t, OpenFile> m_open;
+    decltype(m_open)::node_type m_spare; // of a closed file, for the next one
 };
 
 #endif

@@ -66,14 +66,15 @@ bool isEntrySound(const ExtFileSystem& fs, const MapNode& node, unsigned index,
 // Entries ascend without overlap inside the bounds that the parent gives, and point into the
 // volume. Those before the first that does not are trusted.
 void checkEntries(const ExtFileSystem& fs, const ExtInode& inode, MapNode& node) {
-    const unsigned count = isHeaderSound(node) ? headerOf(node).eh_entries : 0;
+    const bool isSound = isHeaderSound(node);
+    const unsigned count = isSound ? headerOf(node).eh_entries : 0;
     std::uint64_t end = node.key.first;
     for (node.good = 0; node.good < count; ++node.good) {
         if (!isEntrySound(fs, node, node.good, end, end)) {
             break;
         }
     }
-    node.complete = node.good == count && isHeaderSound(node);
+    node.complete = isSound && node.good == count;
     if (!node.complete) {
         fs.volume().report(FS_LOG_WARNING,
                            "ext: inode %u: the extent tree is damaged at entry %u of the node in "

@@ -67,7 +67,7 @@ TEST(LibraryTest, BadArgumentsAreRefused) {
 }
 
 TEST(LibraryTest, ForeignVolumesAreNotRecognised) {
-    for (const std::size_t size : {0, 600, 2048, 1 << 20}) {
+    for (const std::size_t size : {0UL, 600UL, 2048UL, 1UL << 20}) {
         const Host host(std::string(size, 'x'));
         EXPECT_FALSE(host.recognised);
         EXPECT_TRUE(host.log.empty());
