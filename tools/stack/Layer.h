@@ -1,0 +1,58 @@
+// One level of a storage stack: a disk, a partition, an array, a logical volume.
+//
+// A layer is bytes that can be read, and a map of them onto the layers below. Layers are made by
+// probers and owned by the stack that found them; a layer refers to those below it and must not
+// outlive them. No layer knows another by name.
+#ifndef STACK_LAYER_H
+#define STACK_LAYER_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+class Layer;
+
+// A place on a layer, bytes.
+struct LayerPlace {
+    const Layer* layer;
+    uint64_t offset;
+};
+
+enum class RunKind {
+    DATA, // the bytes at one place
+    XOR,  // the exclusive or of the bytes at all places: rebuilt for a missing member
+    ZERO  // no place: reads as zeros
+};
+
+// So many bytes that go on together on the layers below.
+struct LayerRun {
+    uint64_t length;
+    RunKind kind;
+    std::vector<LayerPlace> places;
+};
+
+class Layer {
+  public:
+    virtual ~Layer() = default;
+    // What users call it: "a.img", "a.img#2", "md0", "vg0/root".
+    virtual const std::string& name() const = 0;
+    // Bytes.
+    virtual uint64_t size() const = 0;
+    // Fills exactly `length` bytes from byte `offset` on, or throws SourceError naming the disk.
+    virtual void read(uint64_t offset, std::size_t length, char* buffer) const = 0;
+    // The range as runs on the layers below, in order, together as long as the range. A disk, which
+    // has none below, answers with no run. Throws SourceError for a range that cannot be told.
+    virtual std::vector<LayerRun> map(uint64_t offset, uint64_t length) const = 0;
+};
+
+// A run all the way down: places are on disks.
+struct DiskRun {
+    uint64_t logical; // where the run begins in the mapped layer
+    LayerRun run;
+};
+
+// Maps a range of a layer through everything below it onto the disks.
+std::vector<DiskRun> mapToDisks(const Layer& layer, uint64_t offset, uint64_t length);
+
+#endif
