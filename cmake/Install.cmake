@@ -4,7 +4,8 @@ include(CMakePackageConfigHelpers)
 install(DIRECTORY include/ DESTINATION include FILES_MATCHING PATTERN "*.h")
 # The common library's classes and what their headers stand on.
 install(DIRECTORY plugin/common/PluginLib/ plugin/common/map_v2/rvp/ DESTINATION include/dorado
-        FILES_MATCHING PATTERN "*.h")
+        FILES_MATCHING PATTERN "*.h"
+        PATTERN LvmCharClass.h EXCLUDE PATTERN LvmDumper.h EXCLUDE PATTERN RaidLayout.h EXCLUDE)
 install(FILES plugin/dorado/Error.h plugin/dorado/RvpLinuxCommon.h DESTINATION include/dorado)
 install(FILES host/kmhost.h DESTINATION include)
 

@@ -362,7 +362,7 @@ bool parseEntry(LvmConfig& config, Node& node, unsigned depth) {
         } else {
             config.parseScalar(addChild(node, key, Node::SCALAR));
         }
-    } // any other delimiter stays the current token; the key is dropped
+    } // at any other the key is forgotten and the caller goes on from the delimiter
     return true;
 }
 

@@ -178,9 +178,9 @@ class LvmUuid {
     // Takes `s` as it is, but for a display form: of 38 characters with "-" at 26, those at 26, 22,
     // 18, 14, 10 and 6 are erased, which takes five data characters and leaves four separators.
     // Callers that hold display forms strip the "-" themselves.
-    explicit LvmUuid(std::string s);
+    LvmUuid(std::string s);
 
-    // The display form: groups of 6, 4, 4, 4, 4, 4 and 6 characters joined by "-".
+    // The display form: 38 characters, a "-" after 6, then after every 4 of the middle 20.
     // Throws std::out_of_range when `uuid` is shorter than 26 characters.
     std::string fmtId() const;
 

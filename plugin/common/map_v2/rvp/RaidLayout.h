@@ -1,8 +1,8 @@
 // Where md's levels keep the bytes of an array: chunks, stripes, and the roles of a stripe's
 // members.
 //
-// Counts next to a number of disks (n - 1, n - 2, n + 1) and a chunk's sectors are formed in 32
-// bits, the rest in 64; all of it is unsigned and wraps. Nothing guards against dividing by zero.
+// The superblock's own words and what is added to or taken from them stay 32 bits wide; quotients
+// and products are 64. All of it is unsigned and wraps. Nothing guards against dividing by zero.
 #ifndef RVP_RAIDLAYOUT_H
 #define RVP_RAIDLAYOUT_H
 

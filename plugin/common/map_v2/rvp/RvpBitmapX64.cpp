@@ -119,7 +119,7 @@ void RvpBitmap::createBitmapFile() {
     VERIFY_LINUX_BOOL(GetTempFileName(directory, PATH_SIZE, m_fileName.data(), 0, path) != 0);
     m_fileName = path;
     PLUGIN_LOG(4, "Temp file name for bitmapfile: %s\n", path);
-    m_descriptor = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    m_descriptor = open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
     VERIFY_LINUX_BOOL(m_descriptor != -1);
 }
 

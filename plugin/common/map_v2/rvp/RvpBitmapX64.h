@@ -1,8 +1,8 @@
-// One bit per sector of a volume, and the runs of equal bits.
+// A bitmap over the sectors of a volume, and its runs.
 //
 // Sector s is bit s mod 8 (the least significant first) of byte s / 8, so that word w of the array,
-// read as a little-endian 64-bit integer, holds the sectors 64w to 64w + 63. All positions and
-// counts are sectors; sizes are bytes. One thread uses a bitmap at a time.
+// taken as a little-endian 64-bit integer, covers the 64 sectors from 64w on. All positions and
+// counts are sectors; sizes are bytes. Nothing is locked.
 //
 // A refused call logs "Exception: VERIFY_ORMA_BOOL\n", throws OrmaError(3) and changes nothing.
 // The order of fields and virtual operations is part of the binary interface.
@@ -46,13 +46,13 @@ class RvpBitmap : public RvpMap {
     RvpBitmap(const RvpBitmap&) = delete;
     RvpBitmap& operator=(const RvpBitmap&) = delete;
 
-    // An inactive bitmap answers true for every sector. The sector equal to the number of sectors
+    // True everywhere when the bitmap is inactive. The sector equal to the number of sectors
     // is answered as well (see `setBit`); one beyond it is refused.
     bool isSet(unsigned long sector) override {
         if (m_inactive) {
             return true;
         }
-        VERIFY_ORMA_BOOL(sector <= m_sectors && m_bits != nullptr, KMP_EINVAL);
+        requireReadable(sector, __LINE__, __func__);
         return (m_bits[sector / 8] & BitMask[sector % 8]) != 0;
     }
 
@@ -73,19 +73,19 @@ class RvpBitmap : public RvpMap {
     void setRegion(unsigned long start, unsigned long count);
     void clearRegion(unsigned long start, unsigned long count);
 
-    // The length of the run of equal bits that begins at `start`, but at most `count`; `set` tells
-    // of which bits. A count of 0 gives 0 and leaves `set` alone. An inactive bitmap is one set
+    // How far the bits from `start` on stay the same, but at most `count`; `set` tells which bits
+    // they are. A count of 0 gives 0 and leaves `set` alone. An inactive bitmap is one set
     // run. Refuses to look behind the last sector.
     unsigned long getExtent(unsigned long start, unsigned long count, bool& set);
 
     // Whether the whole byte, or 64-bit word, that holds `sector` equals `set`, the bits behind the
     // last sector included. Refused like `isSet`, and by an inactive bitmap.
     bool isUint8Set(unsigned long sector, bool set) {
-        VERIFY_ORMA_BOOL(sector <= m_sectors && m_bits != nullptr, KMP_EINVAL);
+        requireReadable(sector, __LINE__, __func__);
         return m_bits[sector / 8] == (set ? 0xFF : 0);
     }
     bool isUint64Set(unsigned long sector, bool set) {
-        VERIFY_ORMA_BOOL(sector <= m_sectors && m_bits != nullptr, KMP_EINVAL);
+        requireReadable(sector, __LINE__, __func__);
         return wordAt(sector / 64) == (set ? ~std::uint64_t{0} : 0);
     }
 
@@ -104,6 +104,14 @@ class RvpBitmap : public RvpMap {
     void freeMemory();
 
   private:
+    // Inlined into hosts, whose copy of this header lies elsewhere: so the name is spelled out.
+    static constexpr const char* HEADER = "plugin/common/map_v2/rvp/RvpBitmapX64.h";
+
+    void requireReadable(unsigned long sector, int line, const char* function) const {
+        if (sector > m_sectors || m_bits == nullptr) {
+            raiseOrmaError(VERIFY_ORMA_BOOL_TEXT, KMP_EINVAL, HEADER, line, function);
+        }
+    }
     bool holds(unsigned long start, unsigned long count) const {
         return count <= m_sectors && start <= m_sectors - count;
     }
@@ -112,10 +120,14 @@ class RvpBitmap : public RvpMap {
         std::memcpy(&word, m_bits + index * sizeof word, sizeof word);
         return word;
     }
-    unsigned long skipWords(unsigned long first, unsigned long end, std::uint64_t equal) const;
-    unsigned long firstOther(unsigned long first, unsigned long end, std::uint64_t equal) const;
-    void fill(unsigned long start, unsigned long count, bool set);
-    void fillByteBits(unsigned long byte, unsigned mask, bool set);
+    __attribute__((visibility("hidden"))) unsigned long
+    skipWords(unsigned long first, unsigned long end, std::uint64_t equal) const;
+    __attribute__((visibility("hidden"))) unsigned long
+    firstOther(unsigned long first, unsigned long end, std::uint64_t equal) const;
+    __attribute__((visibility("hidden"))) void fill(unsigned long start, unsigned long count,
+                                                    bool set);
+    __attribute__((visibility("hidden"))) void fillByteBits(unsigned long byte, unsigned mask,
+                                                            bool set);
 
     int m_storageKind;
     bool m_inactive;

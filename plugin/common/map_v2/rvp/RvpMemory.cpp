@@ -125,8 +125,8 @@ bool RvpMemory::dump(const char* name, unsigned long length, std::FILE** stream)
         if (km_debug_level >= 0) {
             return false;
         }
-        s_rvp_memory_log = 1;
         s_rvp_memory_dump_path = std::string(km_log_root) + "/";
+        s_rvp_memory_log = 1;
     }
     const std::string fileName = s_rvp_memory_dump_path + name + ".rvpmem";
     std::FILE* file = stream != nullptr ? *stream : nullptr;

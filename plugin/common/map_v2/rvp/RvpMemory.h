@@ -1,4 +1,4 @@
-// A heap block of a chosen size, zero-filled, with a guard behind it.
+// A block of zeroed heap memory that notices when it was written past its end.
 //
 // Sizes are bytes. The block is `m_size` usable bytes followed by the four signature bytes "RvMS",
 // which are checked when the block is released: a damaged signature leaves a line in the log at

@@ -1,4 +1,4 @@
-// Provider objects that stand on top of an object of another, lower provider.
+// Objects of a provider that wraps those of another, the lower one.
 //
 // A host author derives from `RvpInterface` to say how lower objects are closed and iterated, fills
 // its function table from the lower provider's entry points, and derives from `RvpObject` to say
@@ -7,8 +7,9 @@
 // level 4 and the others at level 2.
 //
 // A null object, record or handle from a lower provider that reports success, and a factory that
-// makes nothing, log "Exception: VERIFY_PTR\n" and throw OrmaError(3); out-arguments are then
-// untouched and the lower object stays open.
+// makes nothing, log "Exception: VERIFY_PTR\n" and throw OrmaError(3); the lower object or
+// iteration then stays open, and out-arguments are untouched but for the handle of `iterateInit`,
+// which holds the lower iteration.
 //
 // The order of fields and virtual operations is part of the binary interface.
 #ifndef RVP_RVPOBJECT_H
@@ -164,7 +165,7 @@ class RvpObject : public ObjectType {
     void* iterator; // the lower iteration, null when none is open
 
   private:
-    int translateAll(RvpLowerRecord* record);
+    __attribute__((visibility("hidden"))) int translateAll(RvpLowerRecord* record);
 };
 static_assert(sizeof(ObjectType) == 8 && sizeof(RvpObject) == 176);
 

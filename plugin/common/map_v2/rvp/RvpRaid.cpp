@@ -33,7 +33,7 @@ constexpr std::uint32_t NO_ARRAY_NUMBER = 0xFFFFFFFF;
 constexpr std::size_t LAST_COLON_POSITION = 29;
 constexpr std::size_t DEVICE_NAME_SIZE = 80;
 
-constexpr std::uint16_t FAULTY_ROLE = 0xFFFF;
+constexpr std::uint16_t SPARE_ROLE = 0xFFFF;
 
 // One read of the probe, under each of the versions it may turn out to be.
 union SuperblockBuffer {
@@ -68,7 +68,7 @@ std::uint32_t roleOf(const md_superblock_s& superblock) {
 // Spare and faulty devices have roles like any other.
 std::uint32_t roleOf(const md_superblock_v1_s& superblock) {
     if (superblock.dev_number >= std::size(superblock.dev_roles)) {
-        return FAULTY_ROLE;
+        return SPARE_ROLE;
     }
     return superblock.dev_roles[superblock.dev_number];
 }
@@ -155,6 +155,9 @@ struct StripeMember {
 std::vector<StripeMember> stripeMembers(const RaidVolume& volume, std::size_t stride) {
     const std::uint64_t chunkSectors = volume.chunkSize / MD_SECTOR_SIZE;
     std::vector<StripeMember> members;
+    if (chunkSectors == 0) {
+        return members; // nothing can be placed
+    }
     std::size_t place = 0;
     for (const RaidSubdisk& member : volume.members) {
         if (place++ % stride == 0) {
@@ -186,9 +189,9 @@ void appendSegments(RaidVolume& volume, std::vector<StripeMember> members) {
 }
 
 // Completes an array that has grown to just the number of disks that its newest member's superblock
-// counts. Members beyond that number join it and change nothing else.
+// counts. A complete array stays as it is, whoever joins it.
 void completeAt(RvpRaid& raid, RaidVolume& volume, std::uint32_t raidDisks, std::uint32_t level) {
-    if (volume.members.size() != raidDisks) {
+    if (volume.complete || volume.members.size() != raidDisks) {
         return;
     }
     volume.complete = true;

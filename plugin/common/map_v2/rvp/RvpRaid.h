@@ -14,8 +14,8 @@
 //         // `run` bytes lie on `disk` from byte start * 512 + memberOffset on
 //     }
 //
-// Units: a sector is 512 bytes. Partition starts and lengths are in sectors, chunk sizes, addresses
-// and run lengths in bytes, segments in chunks. Metadata versions 1.1 and 1.2 are not looked for.
+// Units: sectors (512 bytes) for the places and sizes of partitions, bytes for chunk sizes,
+// addresses and runs, chunks for segments. Members with metadata 1.1 or 1.2 are not recognised.
 //
 // The fields and operations below, their order and signatures are part of the binary interface.
 #ifndef RVP_RVPRAID_H
@@ -147,9 +147,9 @@ static_assert(sizeof(md_superblock_v1_s) == MD_SUPERBLOCK_SIZE);
 // happened. Standard exceptions (no memory) pass through every operation.
 //
 // Nothing is checked that the superblocks say of themselves: a chunk size below 512 bytes, less
-// than two disks at level 4 or 5, or less than three at level 6, divide by zero when an array of
-// level 0 or 10 is completed or an address is mapped. A host that cannot trust its disks looks at
-// the superblocks that pass through its read callback.
+// than two disks at level 4 or 5, or less than three at level 6, divide by zero when an address is
+// mapped. A host that cannot trust its disks looks at the superblocks that pass through its read
+// callback, or at the array before it maps.
 class RvpRaid {
   public:
     RvpRaid();
@@ -191,7 +191,7 @@ class RvpRaid {
     // are longer, and so on.
     void setupStriping(RaidVolume& volume);
     // Level 10 is read as pairs of adjacent mirrors, whatever its layout: stripes over the first of
-    // each pair. Two members or an odd number of them give no segments.
+    // each pair. Two members, or an uneven count, give no segments.
     void setupRAID10Striping(RaidVolume& volume);
 
     // The highest number of any array, 0 at the start.
