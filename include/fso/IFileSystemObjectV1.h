@@ -150,8 +150,8 @@ constexpr unsigned FSO_EXTENT_INLINE_LENGTH_SHIFT = 16;
 /* One run. Records follow each other without gaps in file order from the asked offset on (a first
  * record begins there even in the middle of a run), so holes are records too. Runs other than
  * inline ones, and a hole behind those, are whole file-system blocks: the last may reach past the
- * file's size, and preallocated space past the size is listed. A file without any run answers at offset 0 with one
- * record of length 0 flagged HOLE and LAST. */
+ * file's size, and preallocated space past the size is listed. A file without any run answers at
+ * offset 0 with one record of length 0 flagged HOLE and LAST. */
 struct fso_extent {
     uint64_t offset;  /*  0: on the volume, bytes */
     uint64_t length;  /*  8: bytes */
@@ -224,7 +224,8 @@ class IFileSystemObjectV1 {
      * open flags. Every index that was opened, or failed to open, is closed once. */
     virtual uint32_t openFile(uint64_t index, fso_file_record* record, uint32_t* flags) = 0;
     /* 4: as many whole entries as fit, from the request's position on; no entry and status 0 mean
-     * the end. A buffer too small for one entry is FSO_INVALID. */
+     * the end. A listing that had to leave something out ends with FSO_DAMAGED or FSO_IO instead.
+     * A buffer too small for one entry is FSO_INVALID. */
     virtual uint32_t readDir(uint64_t index, fso_dir_request* request, uint32_t* entryCount) = 0;
     /* 5: up to `capacity` records from byte `offset` of the file. An offset at or past the end of
      * the last run gives no record and FSO_INVALID. After damage the records before it are

@@ -178,7 +178,8 @@ class Listing {
     }
 
   private:
-    bool isListed(const RawEntry& entry) const {
+    // An entry that cannot be right is left out, which the end of the listing tells.
+    bool isListed(const RawEntry& entry) {
         if (entry.inode == 0 || entry.isSelfOrParent()) {
             return false;
         }
@@ -188,6 +189,7 @@ class Listing {
         m_fs.volume().report(FS_LOG_WARNING,
                              "ext: directory inode %u: entry \"%s\" with inode %u is left out",
                              m_inode.number(), printable(entry.name).c_str(), entry.inode);
+        m_position.leaveOut(FSO_DAMAGED);
         return false;
     }
 
