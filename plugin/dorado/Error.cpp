@@ -260,7 +260,7 @@ const char* LinuxError::getText() const {
     // Called by name: a compiler may drop an allocation that is written as an expression.
     auto* buffer = static_cast<char*>(::operator new[](LINUX_TEXT_SIZE, std::nothrow));
     if (buffer != nullptr) {
-        m_pText = nullptr;
+        m_pText = nullptr; // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks)
         return s_pUnknownErrorString;
     }
     V_snprintf(buffer, 0, "Linux error number: %d", m_code - KMP_ERRNO_BASE);
