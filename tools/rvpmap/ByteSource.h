@@ -4,7 +4,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -20,12 +19,6 @@ class SourceError : public std::runtime_error {
     bool m_pastEnd;
 };
 
-// A place in a plain file, for copies that never pass through the tool's memory.
-struct FileRange {
-    int descriptor;
-    uint64_t offset;
-};
-
 class ByteSource {
   public:
     virtual ~ByteSource() = default;
@@ -33,8 +26,6 @@ class ByteSource {
     virtual uint64_t size() const = 0;
     // Fills exactly `length` bytes from byte `offset` on, or throws SourceError.
     virtual void read(uint64_t offset, std::size_t length, char* buffer) const = 0;
-    // Where these bytes lie in one regular file, if they do.
-    virtual std::optional<FileRange> fileRange(uint64_t offset, uint64_t length) const = 0;
 };
 
 #endif

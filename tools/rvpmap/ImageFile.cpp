@@ -27,7 +27,6 @@ void ImageFile::measure() {
     }
     uint64_t bytes = 0;
     if (S_ISREG(status.st_mode)) {
-        m_regular = true;
         bytes = static_cast<uint64_t>(status.st_size);
     } else if (!S_ISBLK(status.st_mode)) {
         throw ToolError(ExitStatus::FAILED, "is neither an image file nor a block device");
@@ -60,13 +59,6 @@ void ImageFile::read(uint64_t offset, std::size_t length, char* buffer) const {
                           false);
         }
     }
-}
-
-std::optional<FileRange> ImageFile::fileRange(uint64_t offset, uint64_t length) const {
-    if (!m_regular || offset > m_size || length > m_size - offset) {
-        return std::nullopt;
-    }
-    return FileRange{m_file.get(), m_start + offset};
 }
 
 SourceError ImageFile::failure(uint64_t offset, uint64_t length, const std::string& reason,

@@ -11,7 +11,6 @@ class ImageFile : public ByteSource {
     ImageFile(const std::string& path, uint64_t start);
     uint64_t size() const override { return m_size; }
     void read(uint64_t offset, std::size_t length, char* buffer) const override;
-    std::optional<FileRange> fileRange(uint64_t offset, uint64_t length) const override;
 
   private:
     void measure();
@@ -22,7 +21,6 @@ class ImageFile : public ByteSource {
     UniqueFd m_file;
     uint64_t m_start;
     uint64_t m_size = 0;
-    bool m_regular = false;
 };
 
 #endif

@@ -3,6 +3,7 @@
 #include "ImageFile.h"
 
 #include <charconv>
+#include <optional>
 #include <string_view>
 #include <sys/stat.h>
 
