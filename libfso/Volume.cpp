@@ -52,6 +52,16 @@ bool Volume::read(std::uint64_t offset, std::size_t length, char* buffer) noexce
     return true;
 }
 
+bool Volume::readAlone(std::uint64_t offset, std::size_t length, char* buffer) noexcept {
+    const bool isAligned = ((offset | length) & (m_sectorSize - 1)) == 0;
+    const auto known = std::ranges::find(m_windows, offset / WINDOW_SIZE, &Window::number);
+    if (known != m_windows.end() || !isAligned || offset >= MAX_VOLUME_SIZE ||
+        length > MAX_VOLUME_SIZE - offset) {
+        return read(offset, length, buffer);
+    }
+    return callRead(offset, length, buffer);
+}
+
 const Volume::Window& Volume::window(std::uint64_t number) noexcept {
     ++m_clock;
     if (m_windows[m_latest].number != number) {

@@ -25,6 +25,8 @@ class Volume {
     // Fills `buffer` with `length` bytes from `offset` on; false when the volume does not yield
     // all of them, the buffer's content is undefined then.
     bool read(std::uint64_t offset, std::size_t length, char* buffer) noexcept;
+    // The same for bytes whose surroundings will hardly be asked for: no window is filled for them.
+    bool readAlone(std::uint64_t offset, std::size_t length, char* buffer) noexcept;
 
     // Hands one line to the host's log, without the line feed that ends it there. A line that was
     // handed over lately is not repeated.

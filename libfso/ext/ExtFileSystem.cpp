@@ -155,6 +155,10 @@ fso_status ExtFileSystem::readBlock(std::uint64_t block, char* buffer) const {
     return m_volume.read(block * blockSize(), blockSize(), buffer) ? FSO_OK : FSO_IO;
 }
 
+fso_status ExtFileSystem::readScatteredBlock(std::uint64_t block, char* buffer) const {
+    return m_volume.readAlone(block * blockSize(), blockSize(), buffer) ? FSO_OK : FSO_IO;
+}
+
 fso_status ExtFileSystem::readInode(std::uint64_t index, ExtInode& inode) {
     if (index == 0 || index > inodeCount() || isPrivate(static_cast<std::uint32_t>(index))) {
         return FSO_NOT_FOUND;

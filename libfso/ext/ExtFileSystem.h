@@ -28,6 +28,8 @@ class ExtFileSystem {
     bool isFileSpace(std::uint64_t block, std::uint64_t count) const;
 
     fso_status readBlock(std::uint64_t block, char* buffer) const;
+    // For blocks that lie among the data of files.
+    fso_status readScatteredBlock(std::uint64_t block, char* buffer) const;
 
     // Fills `inode`. FSO_NOT_FOUND for an index that names no file: out of range, not in use, or
     // reserved for the file system's own purposes (all reserved ones but the root). FSO_DAMAGED

@@ -9,7 +9,7 @@ fso_status MapNodes::get(const ExtFileSystem& fs, const ExtInode& inode, const M
         slot = std::ranges::min_element(m_slots, {}, &Slot::lastUse);
         slot->node = {};
         slot->buffer.resize(fs.blockSize());
-        if (const fso_status status = fs.readBlock(key.block, slot->buffer.data())) {
+        if (const fso_status status = fs.readScatteredBlock(key.block, slot->buffer.data())) {
             fs.volume().report(FS_LOG_WARNING,
                                "ext: inode %u: block %llu, which maps the file, cannot be read",
                                inode.number(), static_cast<unsigned long long>(key.block));

@@ -71,16 +71,6 @@ int RvpFsoObject::write(kmp_io_req* /*request*/, int /*flags*/) {
     return KMP_ENOTSUP;
 }
 
-uint32_t RvpFsoObject::getSignature() const {
-    uint32_t value = 0;
-    std::memcpy(&value, signature, sizeof value);
-    return value;
-}
-
-uint32_t RvpFsoObject::getObjectType() const {
-    return objectType;
-}
-
 kmp_obj_prop* RvpFsoObject::getObjPropFromList(const kmp_obj_prop& property) {
     return propList.findOrAdd(property);
 }

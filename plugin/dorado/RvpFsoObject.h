@@ -12,6 +12,7 @@
 #include "kmp/kmp.h"
 
 #include <cstdint>
+#include <cstring>
 
 // Bits of the object type.
 constexpr uint32_t FSO_FILE_SYSTEM_OBJECT = 0x1;
@@ -44,8 +45,12 @@ class RvpFsoObject {
     virtual int statFs(kmp_fs* fs);
     virtual int write(kmp_io_req* request, int flags);
 
-    uint32_t getSignature() const;
-    uint32_t getObjectType() const;
+    uint32_t getSignature() const {
+        uint32_t value = 0;
+        std::memcpy(&value, signature, sizeof value);
+        return value;
+    }
+    uint32_t getObjectType() const { return objectType; }
     // The kept copy of a record, the same address for equal records; null when memory is short.
     kmp_obj_prop* getObjPropFromList(const kmp_obj_prop& property);
     kmp_obj_link_prop* getLinkPropFromList(const kmp_obj_link_prop& property);

@@ -34,9 +34,9 @@ RvpFsoCoordinator* getCoordinator(RvpInstance* instance) {
 }
 
 // The coordinator, or null after the line that says so.
-RvpFsoCoordinator* coordinatorOrLine(RvpInstance* instance, CallSite site) {
+inline RvpFsoCoordinator* coordinatorOrLine(RvpInstance* instance, CallSite site) {
     RvpFsoCoordinator* coordinator = getCoordinator(instance);
-    if (coordinator == nullptr) {
+    if (coordinator == nullptr) [[unlikely]] {
         PLUGIN_LOG_AS(site.function, site.line, 0, "coordinator not allocated successfully\n");
     }
     return coordinator;

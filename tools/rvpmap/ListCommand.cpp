@@ -5,6 +5,7 @@
 #include "TreeWalk.h"
 
 #include <algorithm>
+#include <cstring>
 #include <sys/stat.h>
 
 namespace {
@@ -13,12 +14,13 @@ namespace {
 class SortedLines {
   public:
     void add(std::string_view name, std::string_view line) {
-        m_rows.push_back({m_text.size(), name.size(), line.size()});
+        m_rows.push_back({0, m_text.size(), name.size(), line.size()});
         m_text.append(name).append(line);
     }
     void print(Output& output) {
+        fillKeys();
         std::sort(m_rows.begin(), m_rows.end(), [this](const Row& left, const Row& right) {
-            return nameOf(left) < nameOf(right);
+            return left.key != right.key ? left.key < right.key : nameOf(left) < nameOf(right);
         });
         for (const Row& row : m_rows) {
             append(output.buffer(),
@@ -29,10 +31,31 @@ class SortedLines {
 
   private:
     struct Row {
+        uint64_t key; // the name's next eight bytes behind what all names begin with
         std::size_t at;
         std::size_t nameLength;
         std::size_t lineLength;
     };
+    // Most comparisons end at the keys and never look for the names, which lie far apart.
+    void fillKeys() {
+        std::size_t common = m_rows.empty() ? 0 : m_rows.front().nameLength;
+        for (const Row& row : m_rows) {
+            const std::string_view name = nameOf(row).substr(0, common);
+            const std::string_view first = nameOf(m_rows.front());
+            common = static_cast<std::size_t>(
+                std::mismatch(name.begin(), name.end(), first.begin()).first - name.begin());
+        }
+        for (Row& row : m_rows) {
+            const std::string_view rest = nameOf(row).substr(common);
+            unsigned char bytes[sizeof row.key] = {};
+            std::memcpy(bytes, rest.data(), std::min(rest.size(), sizeof bytes));
+            row.key = 0;
+            for (const unsigned char byte : bytes) {
+                row.key = row.key << 8 | byte;
+            }
+        }
+    }
+
     std::string_view nameOf(const Row& row) const {
         return std::string_view(m_text).substr(row.at, row.nameLength);
     }

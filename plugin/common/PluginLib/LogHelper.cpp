@@ -75,6 +75,7 @@ void readControlFile() {
 void decideOnce() {
     if (s_log == UNDECIDED) {
         s_log = queryLoggingStatus();
+        g_loggingIsOff = s_log == INACTIVE;
     }
 }
 
@@ -159,6 +160,8 @@ bool fileIsTraced(const char* file) {
 }
 
 } // namespace
+
+bool g_loggingIsOff = false;
 
 int queryLoggingStatus() {
     if (km_debug_level == 0) {
