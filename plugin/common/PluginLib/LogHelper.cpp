@@ -75,7 +75,6 @@ void readControlFile() {
 void decideOnce() {
     if (s_log == UNDECIDED) {
         s_log = queryLoggingStatus();
-        g_loggingIsOff = s_log == INACTIVE;
     }
 }
 
@@ -160,8 +159,6 @@ bool fileIsTraced(const char* file) {
 }
 
 } // namespace
-
-bool g_loggingIsOff = false;
 
 int queryLoggingStatus() {
     if (km_debug_level == 0) {

@@ -17,10 +17,6 @@
 // Decides from the debug level: 2 for no logging, else 1 after reading the control file.
 int queryLoggingStatus();
 
-// True once it is decided that nothing is logged. Log sites look here first, so that a line that is
-// not wanted costs one branch and no call.
-extern bool g_loggingIsOff __attribute__((visibility("hidden")));
-
 class LogHelper {
   public:
     // Answers whether lines are wanted; callers ask before they build a line's arguments.
@@ -65,7 +61,7 @@ class LogTrace {
 // when logging is off.
 #define PLUGIN_LOG_AS(function, line, level, ...)                                                  \
     do {                                                                                           \
-        if (!g_loggingIsOff && LogHelper::isActive()) {                                            \
+        if (LogHelper::isActive()) {                                                               \
             LogHelper::plugin_elog(function, SOURCE_FILE, line, nullptr, level, __VA_ARGS__);      \
         }                                                                                          \
     } while (false)
@@ -87,7 +83,7 @@ inline void plugin_report_claim(int claim, const char* name) {
 inline int plugin_log_result(int result, const char* file,
                              const char* function = __builtin_FUNCTION(),
                              int line = __builtin_LINE()) {
-    if (result == 0 || g_loggingIsOff || !LogHelper::isActive()) {
+    if (result == 0 || !LogHelper::isActive()) {
         return result;
     }
     if (result == KMP_ENOTSUP) {
