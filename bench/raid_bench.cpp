@@ -24,6 +24,7 @@ constexpr std::uint64_t PARTITION_START = 2048;
 constexpr unsigned long RUN_LENGTH = 1 << 20;
 constexpr std::size_t ADDRESSES = 10'000;
 constexpr int REPETITIONS = 300;
+constexpr int ASSEMBLIES = 9;
 
 volatile unsigned long s_sink = 0; // keeps the results from being optimised away
 
@@ -115,8 +116,8 @@ void benchMapping(const char* what, std::uint32_t level, std::uint32_t members,
                 bestInOrder);
 }
 
-// Members arrive disk by disk, every array's first member before any second one.
-void benchAssembly(std::uint32_t arrays, std::uint32_t members) {
+// Members arrive disk by disk, every array's first member before any second one. Nanoseconds.
+double assemble(std::uint32_t arrays, std::uint32_t members) {
     RvpDisk disk = diskNamed("/dev/sda");
     RvpRaid raid;
     const auto start = std::chrono::steady_clock::now();
@@ -125,7 +126,14 @@ void benchAssembly(std::uint32_t arrays, std::uint32_t members) {
             addMember(raid, array, 0, members, role, disk);
         }
     }
-    const double time = nanosecondsSince(start);
+    return nanosecondsSince(start);
+}
+
+void benchAssembly(std::uint32_t arrays, std::uint32_t members) {
+    double time = assemble(arrays, members);
+    for (int i = 1; i < ASSEMBLIES; ++i) {
+        time = std::min(time, assemble(arrays, members));
+    }
     std::printf("add  %5u level 0 arrays of %u members %14.2f ms, %7.0f ns a member\n", arrays,
                 members, time / 1e6, time / (arrays * members));
 }
