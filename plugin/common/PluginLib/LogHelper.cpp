@@ -75,6 +75,7 @@ void readControlFile() {
 void decideOnce() {
     if (s_log == UNDECIDED) {
         s_log = queryLoggingStatus();
+        LogHelper::s_isOff = s_log == INACTIVE;
     }
 }
 
@@ -172,6 +173,8 @@ int queryLoggingStatus() {
     }
     return ACTIVE;
 }
+
+bool LogHelper::s_isOff = false;
 
 bool LogHelper::isActive() {
     decideOnce();
