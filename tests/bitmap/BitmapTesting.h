@@ -7,7 +7,7 @@
 
 #include <fstream>
 #include <gtest/gtest.h>
-#include <sstream>
+#include <iterator>
 #include <string>
 #include <unistd.h>
 
@@ -32,9 +32,7 @@ class TestFolder {
 
 inline std::string contentOf(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
-    std::ostringstream content;
-    content << file.rdbuf();
-    return content.str();
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 inline bool exists(const std::string& path) {

@@ -38,14 +38,16 @@ TEST(DamageTest, RecordsBeforeADamagedExtentAreDelivered) {
     const auto all = sound.extents(file);
     ASSERT_EQ(all.size(), 5U);
     constexpr std::size_t third = 40 + 12 * 3; // the third extent in the inode
-    struct Damage {
+    const struct {
         const char* name;
         std::size_t offset;
         std::uint32_t value;
-    };
-    for (const Damage& damage : {Damage{"outside", third + 8, 0x7fffffff},
-                                 Damage{"superblock", third + 8, 0}, Damage{"backwards", third, 1},
-                                 Damage{"overlap", third, 2}, Damage{"no length", third + 4, 0}}) {
+    } damages[] = {{"outside", third + 8, 0x7fffffff},
+                   {"superblock", third + 8, 0},
+                   {"backwards", third, 1},
+                   {"overlap", third, 2},
+                   {"no length", third + 4, 0}};
+    for (const auto& damage : damages) {
         std::string bytes = image.bytes();
         put32(bytes, inodeOffset(image, "/file") + damage.offset, damage.value);
         const Host host(bytes);

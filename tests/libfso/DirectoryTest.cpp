@@ -4,8 +4,6 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include <set>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
@@ -14,19 +12,6 @@ std::set<std::string> namesOf(const std::vector<Entry>& entries) {
     for (const Entry& entry : entries) {
         EXPECT_TRUE(names.insert(entry.name).second) << entry.name;
         EXPECT_NE(entry.next, 0U);
-    }
-    return names;
-}
-
-// A folder of hard links costs one inode.
-std::set<std::string> fillFolder(const TemporaryFolder& source, unsigned count) {
-    std::set<std::string> names;
-    writeFile(source / "file", "x");
-    mkdir((source / "many").c_str(), 0755);
-    for (unsigned i = 0; i < count; ++i) {
-        const std::string name = "an entry with number " + std::to_string(i);
-        EXPECT_EQ(link((source / "file").c_str(), (source / ("many/" + name)).c_str()), 0);
-        names.insert(name);
     }
     return names;
 }
@@ -83,14 +68,23 @@ TEST(DirectoryTest, TwentyThousandEntriesPlainAndHashed) {
     }
 }
 
-TEST(DirectoryTest, SmallBuffersAndOddPositions) {
+TEST(DirectoryTest, SmallBuffersOddPositionsAndDeletedEntries) {
     TemporaryFolder source;
-    fillFolder(source, 10);
+    run("cd '" + (source / "") + "' && mkdir -p many/folder && ln -s x many/link && : > file && " +
+        "for i in 0 1 2 3; do : > \"many/an entry with number $i\"; done");
     const Image image("-t ext4 -b 1024", "8M", source / "");
+    image.change("unlink \"many/an entry with number 1\"\nunlink \"many/an entry with number 3\"");
     const Host host(image);
     const std::uint64_t many = host.find("/many");
+    const auto entries = host.list(many);
+    EXPECT_EQ(namesOf(entries),
+              (std::set<std::string>{"an entry with number 0", "an entry with number 2", "link",
+                                     "folder"}));
+    for (const Entry& entry : entries) {
+        EXPECT_EQ(entry.type, host.open(entry.index).mode & 0xF000);
+    }
     std::uint32_t status = FSO_OK;
-    EXPECT_TRUE(host.list(many, 48, &status).empty()); // 32 + a name of 22 bytes and its NUL
+    EXPECT_LT(host.list(many, 48, &status).size(), 3U); // 32 + a name of 22 bytes and its NUL
     EXPECT_EQ(status, FSO_INVALID);
 
     std::vector<std::uint64_t> buffer(128);
@@ -103,23 +97,6 @@ TEST(DirectoryTest, SmallBuffersAndOddPositions) {
     }
     request.position = 0;
     EXPECT_EQ(host.object->readDir(host.find("/file"), &request, &count), FSO_INVALID);
-}
-
-TEST(DirectoryTest, DeletedEntriesAndTypes) {
-    TemporaryFolder source;
-    fillFolder(source, 5);
-    symlink("x", (source / "many/link").c_str());
-    mkdir((source / "many/folder").c_str(), 0755);
-    const Image image("-t ext4 -b 1024", "8M", source / "");
-    image.change("unlink \"many/an entry with number 1\"\nunlink \"many/an entry with number 3\"");
-    const Host host(image);
-    const auto entries = host.list(host.find("/many"));
-    EXPECT_EQ(namesOf(entries),
-              (std::set<std::string>{"an entry with number 0", "an entry with number 2",
-                                     "an entry with number 4", "link", "folder"}));
-    for (const Entry& entry : entries) {
-        EXPECT_EQ(entry.type, host.open(entry.index).mode & 0xF000);
-    }
 }
 
 TEST(DirectoryTest, InlineDirectoriesInTwoPieces) {

@@ -140,18 +140,15 @@ std::vector<fso_extent> Host::extents(std::uint64_t index, std::uint32_t capacit
     std::vector<fso_extent> some(capacity);
     std::uint64_t offset = 0;
     std::uint32_t result = FSO_OK;
-    while (all.size() < 100000) {
+    while (all.size() < 100000 && (all.empty() || (all.back().flags & FSO_EXTENT_LAST) == 0)) {
         std::uint32_t count = 0;
         result = object->getExtents(index, offset, some.data(), capacity, &count);
-        if (result != FSO_OK) {
+        if (result != FSO_OK || count == 0) {
             break;
         }
         all.insert(all.end(), some.begin(), some.begin() + count);
         for (std::uint32_t i = 0; i < count; ++i) {
             offset += some[i].length;
-        }
-        if (all.back().flags & FSO_EXTENT_LAST) {
-            break;
         }
     }
     if (status != nullptr) {
@@ -230,31 +227,14 @@ void Host::touchEverything() const {
     if (object->statFs(&fs) != FSO_OK) {
         return;
     }
-    std::vector<fso_extent> some(16);
     for (std::uint64_t index = 0; index <= std::min<std::uint64_t>(fs.fileCount, 4096); ++index) {
         fso_file_record record;
         fso_metadata metadata;
         std::uint32_t flags = 0;
-        std::uint32_t count = 0;
         object->openFile(index, &record, &flags);
         object->getMetadata(index, &metadata);
-        std::uint64_t offset = 0;
-        for (int calls = 0; calls < 16; ++calls) {
-            if (object->getExtents(index, offset, some.data(), 16, &count) != FSO_OK) {
-                offset += offset + 1;
-            }
-            for (std::uint32_t i = 0; i < count; ++i) {
-                offset += some[i].length;
-            }
-        }
-        std::vector<std::uint64_t> buffer(512);
-        fso_dir_request request = {reinterpret_cast<std::uint64_t>(buffer.data()), 4096, 0, 0};
-        for (int calls = 0; calls < 16; ++calls) {
-            if (object->readDir(index, &request, &count) != FSO_OK || count == 0) {
-                break;
-            }
-            request.position += request.resultCount;
-        }
+        extents(index, 16);
+        list(index, 4096);
         object->closeFile(index);
     }
 }

@@ -10,37 +10,17 @@ namespace {
 
 constexpr std::size_t INCOMPAT_OFFSET = 1024 + 0x60;
 
-template <typename Function>
-Function* symbol(void* library, const char* name) {
-    return reinterpret_cast<Function*>(dlsym(library, name));
-}
-
 TEST(LibraryTest, ExportsItsFourEntryPointsOnly) {
-    void* library = dlopen(LIBFSO_PATH, RTLD_LAZY | RTLD_LOCAL);
+    EXPECT_EQ(outputOf("nm -D --defined-only " LIBFSO_PATH " | sed 's/.* //;s/@.*//' | sort"),
+              "closeFileSystemObject\nlibFini\nlibInit\nopenFileSystemObject\n");
+    void* library = dlopen(LIBFSO_PATH, RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(library, nullptr) << dlerror();
-    auto* init = symbol<decltype(libInit)>(library, "libInit");
-    auto* open = symbol<decltype(openFileSystemObject)>(library, "openFileSystemObject");
-    auto* close = symbol<decltype(closeFileSystemObject)>(library, "closeFileSystemObject");
-    auto* fini = symbol<decltype(libFini)>(library, "libFini");
-    ASSERT_TRUE(init != nullptr && open != nullptr && close != nullptr && fini != nullptr);
-    const std::string names = outputOf("nm -D --defined-only " LIBFSO_PATH " | wc -l");
-    EXPECT_EQ(std::stoi(names), 4);
-
-    const fso_info* info = init("/some/where/");
+    dlclose(library);
+    const fso_info* info = libInit("/some/where/");
     ASSERT_NE(info, nullptr);
     EXPECT_STREQ(info->name, "ext2/ext3/ext4");
-    EXPECT_NE(std::string(info->build).find("libext2fs"), std::string::npos);
     EXPECT_EQ(info->next, nullptr);
-
-    const auto fail = [](void*, unsigned long, unsigned long, char*) { return false; };
-    IFileSystemObjectV1* object = nullptr;
-    ASSERT_EQ(open(&object, 512, fail, nullptr, nullptr, nullptr), FSO_OK);
-    EXPECT_FALSE(object->recognise());
-    EXPECT_EQ(close(&object), FSO_OK);
-    EXPECT_EQ(object, nullptr);
-    EXPECT_EQ(close(&object), FSO_INVALID);
-    fini(info);
-    dlclose(library);
+    libFini(info);
 }
 
 TEST(LibraryTest, BadArgumentsAreRefused) {
@@ -49,7 +29,7 @@ TEST(LibraryTest, BadArgumentsAreRefused) {
     EXPECT_EQ(openFileSystemObject(nullptr, 512, fail, nullptr, nullptr, nullptr), FSO_INVALID);
     EXPECT_EQ(openFileSystemObject(&object, 512, nullptr, nullptr, nullptr, nullptr), FSO_INVALID);
     EXPECT_EQ(openFileSystemObject(&object, 520, fail, nullptr, nullptr, nullptr), FSO_INVALID);
-    EXPECT_EQ(object, nullptr);
+    EXPECT_EQ(closeFileSystemObject(&object), FSO_INVALID);
 
     const Image image("-t ext4 -b 1024", "8M");
     const Host host(image);

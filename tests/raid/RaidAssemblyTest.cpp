@@ -38,28 +38,22 @@ TEST(RaidAssembly, KeepsTheFieldsOfASuperblock) {
 }
 
 TEST(RaidAssembly, CopiesDisksAndMarksOnlyTheCopyOfRoleZero) {
+    const auto textOf = [](const RvpDisk& disk) {
+        const auto* lead = reinterpret_cast<const char*>(disk.partitions.front().lead);
+        return disk.name + " " + std::to_string(disk.callerWord) + " " + std::string(lead, 8);
+    };
     RvpDisk disk = makeDisk("sda", 63, 1000);
-    disk.caller[3] = 11;
     disk.callerWord = 12;
-    disk.callerTail[2] = 13;
-    disk.callerByte = 14;
     std::memcpy(disk.partitions.front().lead, "ABCDEFGH", 8);
-    disk.partitions.push_back({{}, 5000, 6000});
     RvpRaid raid;
     for (const std::uint32_t role : {0U, 1U}) {
         raid.addPartitionToVolume(disk, v090Bytes({.disks = 2, .role = role}).v090());
     }
-    const auto leadOf = [](const RvpDisk& one) {
-        return std::string(reinterpret_cast<const char*>(one.partitions.front().lead), 8);
-    };
     const RaidVolume& volume = *raid.getRaidVolume(1);
-    const RvpDisk& first = volume.members.front().disk;
-    EXPECT_EQ(leadOf(disk), "ABCDEFGH");
-    EXPECT_EQ(leadOf(first), "AB\xFD" + std::string("DEFGH"));
-    EXPECT_EQ(leadOf(volume.members.back().disk), "ABCDEFGH");
-    EXPECT_EQ(std::tuple(first.caller[3], first.callerWord, first.callerTail[2], first.callerByte,
-                         first.partitions.size()),
-              std::tuple(11, 12, 13, 14, 2));
+    EXPECT_EQ(textOf(disk), "sda 12 ABCDEFGH");
+    EXPECT_EQ(textOf(volume.members.front().disk), "sda 12 AB\xFD"
+                                                   "DEFGH");
+    EXPECT_EQ(textOf(volume.members.back().disk), "sda 12 ABCDEFGH");
 }
 
 TEST(RaidAssembly, SortsMembersByRoleAndThenByArrival) {
@@ -90,17 +84,12 @@ TEST(RaidAssembly, TakesTheRoleAtTheDeviceNumberWhereThereIsOne) {
 }
 
 TEST(RaidAssembly, IgnoresAVersion090MemberThatIsNotInSync) {
-    RvpRaid raid;
-    RvpDisk disk = makeDisk("a");
-    for (const std::uint32_t state : {0U, 3U, 8U, 0xFFFFFFFBU}) {
+    for (const std::uint32_t state : {0U, 3U, 8U, 0xFFFFFFFBU, 4U, 0xFFFFFFFFU}) {
+        RvpRaid raid;
+        RvpDisk disk = makeDisk("a");
         raid.addPartitionToVolume(disk, v090Bytes({.disks = 2}).put(3984, state).v090());
+        EXPECT_EQ(raid.getMaxArrayNumber(), state >> 2 & 1) << state;
     }
-    EXPECT_EQ(raid.getMaxArrayNumber(), 0U);
-    for (const std::uint32_t state : {4U, 0xFFFFFFFFU}) {
-        raid.addPartitionToVolume(disk, v090Bytes({.disks = 2}).put(3984, state).v090());
-    }
-    ASSERT_THAT(raid.getRaidVolume(1), NotNull());
-    EXPECT_EQ(raid.getRaidVolume(1)->members.size(), 2U);
 }
 
 TEST(RaidAssembly, ComparesNothingButTheIdentifier) {
@@ -147,15 +136,11 @@ TEST(RaidAssembly, NumbersVersion10ArraysByTheirSetNames) {
         std::string deviceName;
     } arrays[] = {
         {":12", 12, "/dev/md12"},
-        {"host:3", 3, "/dev/md3"},
-        {"7", 7, "/dev/md7"},
         {"9lives", 9, "/dev/md9"},
         {"backup", NONE, "/dev/md_backup"},
         {"", NONE, "/dev/md_"},
-        {"-5", NONE, "/dev/md_-5"},
         {"server1:backup", 0, "/dev/md0"},
         {"3:4:5", 4, "/dev/md4"},
-        {"::6", 0, "/dev/md0"},
         {"h:-2", 0xFFFFFFFE, "/dev/md-2"},
         {"h:-1", NONE, "/dev/md_h:-1"},
         {"h:4294967301", 5, "/dev/md5"},

@@ -5,7 +5,7 @@
 
 #include "Error.h"
 #include "RvpRaid.h"
-#include "kmhost.h"
+#include "support/LogCapture.h"
 
 #include <gmock/gmock.h>
 
@@ -116,8 +116,7 @@ struct Mapped {
 };
 
 inline void PrintTo(const Mapped& mapped, std::ostream* out) {
-    *out << mapped.disk << " from " << mapped.partitionStart << " at " << mapped.memberOffset
-         << " for " << mapped.run;
+    *out << mapped.disk << " at " << mapped.memberOffset << " for " << mapped.run;
 }
 
 // Nothing when the results are as they were preset, all of them.
@@ -142,49 +141,34 @@ inline const bool LOGGING_IS_ON = (km_debug_level = 1) != 0;
 class HostEar {
   public:
     HostEar() {
-        kmhost_log_to(&HostEar::hearLine, this);
-        m_handler.base.handler = &HostEar::hearError;
-        m_handler.ear = this;
-        Error::s_pHandler = &m_handler.base;
+        s_errors.clear();
+        Error::s_pHandler = &m_handler;
     }
-    ~HostEar() {
-        Error::s_pHandler = nullptr;
-        kmhost_log_to_stderr();
-    }
+    ~HostEar() { Error::s_pHandler = nullptr; }
     HostEar(const HostEar&) = delete;
     HostEar& operator=(const HostEar&) = delete;
 
-    // One error of code 1 reported: raised with a line of the operation, told to the host, logged
-    // for it and once more.
+    // One error of code 1 reported: raised by the operation, told to the host, logged for it and
+    // once more.
     void expectReport(const std::string& function, const std::string& check) const {
-        using testing::ContainsRegex;
-        EXPECT_THAT(errors, testing::ElementsAre("Internal error in liborma (2)"));
+        EXPECT_THAT(s_errors, testing::ElementsAre("Internal error in liborma (2)"));
         const auto told =
-            ContainsRegex("log:Error:[0-9]+ <WARN> : Error: 0x00000001 occured in file "
-                          "plugin/common/map_v2/rvp/RvpRaid, at line [0-9]+\n");
-        const auto raised =
-            ContainsRegex(function + ":RvpRaid:[0-9]+ <ERROR> : Exception: " + check + "\n");
-        EXPECT_THAT(lines, testing::ElementsAre(raised, told, told));
+            testing::MatchesRegex("log:Error <WARN> Error: 0x00000001 occured in file "
+                                  "plugin/common/map_v2/rvp/RvpRaid, at line [0-9]+");
+        EXPECT_THAT(lines(), testing::ElementsAre(function + ":RvpRaid <ERROR> Exception: " + check,
+                                                  told, told));
     }
+    std::vector<std::string> lines() const { return m_log.lines(); }
 
-    std::vector<std::string> lines;
-    std::vector<std::string> errors; // text and severity
+    static inline std::vector<std::string> s_errors; // text and severity
 
   private:
-    struct Handler {
-        kmp_ehandler base;
-        HostEar* ear;
-    };
-
-    static void hearLine(void* context, const char* text, int, kmp_eseverity) {
-        static_cast<HostEar*>(context)->lines.emplace_back(text);
-    }
-    static void hearError(kmp_ehandler* handler, const char* english, const char*, int severity) {
-        reinterpret_cast<Handler*>(handler)->ear->errors.push_back(std::string(english) + " (" +
-                                                                   std::to_string(severity) + ")");
+    static void hearError(kmp_ehandler*, const char* english, const char*, int severity) {
+        s_errors.push_back(std::string(english) + " (" + std::to_string(severity) + ")");
     }
 
-    Handler m_handler{};
+    LogCapture m_log;
+    kmp_ehandler m_handler{.handler = &HostEar::hearError};
 };
 
 #endif

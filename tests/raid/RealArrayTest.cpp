@@ -50,20 +50,6 @@ std::string sha256(const std::string& bytes, const std::string& name) {
     return digits;
 }
 
-// The first sector that does not hold its own number, or the number of sectors.
-std::uint64_t firstWrongSector(const std::string& array) {
-    for (std::uint64_t sector = 0; sector < array.size() / 512; ++sector) {
-        for (std::size_t word = 0; word < 64; ++word) {
-            std::uint64_t value = 0;
-            std::memcpy(&value, array.data() + sector * 512 + word * 8, sizeof value);
-            if (value != sector) {
-                return sector;
-            }
-        }
-    }
-    return array.size() / 512;
-}
-
 class RealArray : public testing::TestWithParam<std::string> {
   protected:
     void SetUp() override {
@@ -132,11 +118,8 @@ TEST_P(RealArray, ReadsAsTheKernelWroteIt) {
             EXPECT_EQ(array.setName, m_case["set_name"].get<std::string>());
         }
 
-        const std::string bytes = readArray(raid, volume);
-        if (m_case["content"] == "sector-pattern") {
-            EXPECT_EQ(firstWrongSector(bytes), m_case["array_sectors"].get<std::uint64_t>());
-        }
-        EXPECT_EQ(sha256(bytes, GetParam()), m_case["array_sha256"].get<std::string>());
+        EXPECT_EQ(sha256(readArray(raid, volume), GetParam()),
+                  m_case["array_sha256"].get<std::string>());
     }
 }
 
