@@ -54,7 +54,7 @@ class Copier {
         }
         char* bytes = m_buffer[0].bytes;
         try {
-            m_file.volume().source().read(physical, length, bytes);
+            m_file.volume().readData(physical, length, bytes);
         } catch (const SourceError& error) {
             throw ToolError(ExitStatus::FAILED,
                             fmt::format("its data cannot be read: {}", error.what()));

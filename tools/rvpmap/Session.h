@@ -7,6 +7,8 @@
 #include "Table.h"
 #include "Volume.h"
 
+class Stack;
+
 struct Session {
     const Options& options;
     Volume& volume; // opened, except for `claim`
@@ -22,5 +24,7 @@ ExitStatus runStat(Session& session);
 ExitStatus runExtents(Session& session);
 ExitStatus runExtract(Session& session);
 ExitStatus runCatalog(Session& session);
+// Shows what the disks hold; there is no single volume.
+ExitStatus runScan(const Options& options, const Stack& stack);
 
 #endif
