@@ -1,3 +1,4 @@
+#include "FileSystemText.h"
 #include "Session.h"
 #include "Text.h"
 
@@ -6,27 +7,6 @@
 #include <nlohmann/json.hpp>
 
 namespace {
-
-const char* fileSystemName(uint64_t type) {
-    switch (type) {
-    case FSO_FS_EXT2:
-        return "ext2";
-    case FSO_FS_EXT3:
-        return "ext3";
-    case FSO_FS_EXT4:
-        return "ext4";
-    default:
-        return "unknown";
-    }
-}
-
-std::string uuidText(const std::array<uint8_t, 16>& uuid) {
-    std::string text = toHex({reinterpret_cast<const char*>(uuid.data()), uuid.size()});
-    for (const std::size_t at : {20, 16, 12, 8}) {
-        text.insert(at, 1, '-');
-    }
-    return text;
-}
 
 std::string jsonText(Session& session) {
     Volume& volume = session.volume;

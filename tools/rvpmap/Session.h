@@ -22,5 +22,7 @@ ExitStatus runStat(Session& session);
 ExitStatus runExtents(Session& session);
 ExitStatus runExtract(Session& session);
 ExitStatus runCatalog(Session& session);
+ExitStatus runMap(Session& session);
+ExitStatus runOwner(Session& session);
 
 #endif
