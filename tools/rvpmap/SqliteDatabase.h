@@ -46,8 +46,8 @@ class SqliteStatement {
     // Text and bytes must stay until `run`.
     void put(std::string_view text);
     void putBytes(std::string_view bytes);
-    void putNull() { ++m_filled; }
-    // Every parameter is null afterwards.
+    void putNull() { bound(sqlite3_bind_null(m_statement.get(), ++m_filled)); }
+    // The next row starts from the first parameter again.
     void run();
 
   private:
