@@ -10,7 +10,8 @@ namespace {
 
 // The file has one writer and no reader yet, so nothing needs to be locked.
 constexpr const char* VFS = "unix-none";
-constexpr const char* SETTINGS = "PRAGMA journal_mode=OFF;"
+constexpr const char* SETTINGS = "PRAGMA page_size=16384;"
+                                 "PRAGMA journal_mode=OFF;"
                                  "PRAGMA synchronous=OFF;"
                                  "PRAGMA locking_mode=EXCLUSIVE;"
                                  "PRAGMA cache_size=-32768;"; // kibibytes

@@ -2,10 +2,13 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstring>
+#include <fmt/format.h>
 #include <sys/stat.h>
 
 namespace {
 
+constexpr int FIRST_ERRNO_CODE = 4096;
 constexpr uint64_t AREA_PIECE = uint64_t{256} << 20;
 
 bool hasSeveralPaths(const File& file) {
@@ -28,9 +31,20 @@ VolumePicture::VolumePicture(const Volume& volume, const PhysicalMap& map,
     for (std::string& path : shown) {
         m_shown.push_back({std::move(path)});
     }
-    m_used.init(m_blocks, true, 0, "rvpmap");
+    makeBitmap();
     layOutCells();
     addVolumeArea();
+}
+
+// The bitmap's failures are no standard exceptions.
+void VolumePicture::makeBitmap() {
+    try {
+        m_used.init(m_blocks, true, 0, "rvpmap");
+    } catch (const LinuxError& error) {
+        throw ToolError(ExitStatus::FAILED,
+                        fmt::format("no bitmap of {} blocks can be made: {}", m_blocks,
+                                    std::strerror(error.m_code - FIRST_ERRNO_CODE)));
+    }
 }
 
 // All disks have cells of one size, a power of two, so that they compare and rows begin at round

@@ -71,6 +71,7 @@ class VolumePicture {
         uint64_t end = UINT64_MAX; // of the last run
     };
 
+    void makeBitmap();
     void layOutCells();
     void addVolumeArea();
     int shownIndex(const std::string& path) const;
