@@ -48,7 +48,7 @@ class Copier {
             m_buffer = std::make_unique_for_overwrite<char[]>(PIECE_BYTES);
         }
         try {
-            m_file.volume().source().read(physical, length, m_buffer.get());
+            m_file.volume().readData(physical, length, m_buffer.get());
         } catch (const SourceError& error) {
             throw ToolError(ExitStatus::FAILED,
                             fmt::format("its data cannot be read: {}", error.what()));

@@ -3,6 +3,7 @@
 #include "Path.h"
 #include "RunFlags.h"
 #include "Session.h"
+#include "SourceError.h"
 #include "Text.h"
 
 #include <algorithm>
@@ -70,6 +71,125 @@ class TablePrinter {
     uint64_t m_bytes = 0;
 };
 
+// The pieces of a run on the disks, in file order.
+std::vector<DiskRun> physicalRuns(const Volume& volume, const Run& run) {
+    try {
+        std::vector<DiskRun> pieces = mapToDisks(volume.source(), run.physical, run.length);
+        for (DiskRun& piece : pieces) {
+            piece.logical = run.logical + (piece.logical - run.physical);
+        }
+        return pieces;
+    } catch (const SourceError& error) {
+        throw ToolError(ExitStatus::FAILED, error.what());
+    }
+}
+
+class PhysicalJsonPrinter {
+  public:
+    explicit PhysicalJsonPrinter(Output& output) : m_output(output), m_frame(output) {}
+
+    void begin(const FoundFile& found) {
+        m_volume = &found.file.volume();
+        m_frame.begin(found);
+    }
+    void print(const Run& run) {
+        for (const DiskRun& piece : physicalRuns(*m_volume, run)) {
+            fmt::format_to(std::back_inserter(m_output.buffer()), R"({}{{"logical":{},"length":{})",
+                           m_first ? "" : ",", piece.logical, piece.run.length);
+            printPlaces(piece.run);
+            printFlags(run);
+            m_output.buffer().push_back('}');
+            m_output.pace();
+            m_first = false;
+        }
+    }
+    void end() { m_frame.end(); }
+
+  private:
+    void printPlaces(const LayerRun& run) {
+        TextBuffer& out = m_output.buffer();
+        if (run.kind == RunKind::DATA) {
+            out.push_back(',');
+            printPlace(run.places.front());
+            return;
+        }
+        append(out, run.kind == RunKind::XOR ? R"(,"rebuilt_from":[)" : R"(,"zeros":true)");
+        for (std::size_t i = 0; i < run.places.size(); ++i) {
+            append(out, i == 0 ? "{" : ",{");
+            printPlace(run.places[i]);
+            out.push_back('}');
+        }
+        append(out, run.kind == RunKind::XOR ? "]" : "");
+    }
+    void printPlace(const LayerPlace& place) {
+        appendJsonName(m_output.buffer(), "disk", place.layer->name());
+        fmt::format_to(std::back_inserter(m_output.buffer()), R"(,"offset":{})", place.offset);
+    }
+    // Only what keeps the bytes on the disk from being the file's.
+    void printFlags(const Run& run) {
+        if (run.isEncoded() || !run.isData()) {
+            fmt::format_to(std::back_inserter(m_output.buffer()), R"(,"flags":["{}"])",
+                           run.isEncoded() ? "encoded" : "unwritten");
+        }
+    }
+
+    Output& m_output;
+    JsonPrinter m_frame;
+    const Volume* m_volume = nullptr;
+    bool m_first = true;
+};
+
+class PhysicalTablePrinter {
+  public:
+    explicit PhysicalTablePrinter(Output& output) : m_output(output) {}
+
+    void begin(const FoundFile& found) {
+        m_volume = &found.file.volume();
+        m_width =
+            std::max<std::size_t>(fmt::formatted_size("{}", std::max(m_volume->source().size(),
+                                                                     found.file.attributes().size)),
+                                  8);
+        fmt::format_to(std::back_inserter(m_output.buffer()), "{:>{}}  {:>{}}  {:>{}}  disk\n",
+                       "logical", m_width, "length", m_width, "offset", m_width);
+    }
+    void print(const Run& run) {
+        for (const DiskRun& piece : physicalRuns(*m_volume, run)) {
+            TextBuffer& out = m_output.buffer();
+            fmt::format_to(std::back_inserter(out), "{:>{}}  {:>{}}  ", piece.logical, m_width,
+                           piece.run.length, m_width);
+            append(out, placesText(piece.run));
+            append(out, run.isEncoded() ? "  encoded\n" : run.isData() ? "\n" : "  unwritten\n");
+            ++m_pieces;
+            m_output.pace();
+        }
+    }
+    void end() {
+        fmt::format_to(std::back_inserter(m_output.buffer()), "{} piece{} on disks\n", m_pieces,
+                       m_pieces == 1 ? "" : "s");
+    }
+
+  private:
+    std::string placesText(const LayerRun& run) const {
+        if (run.kind == RunKind::ZERO) {
+            return fmt::format("{:>{}}  zeros", "-", m_width);
+        }
+        if (run.kind == RunKind::DATA) {
+            return fmt::format("{:>{}}  {}", run.places.front().offset, m_width,
+                               printable(run.places.front().layer->name()));
+        }
+        std::string text = fmt::format("{:>{}}  rebuilt from", "-", m_width);
+        for (const LayerPlace& place : run.places) {
+            text += fmt::format(" {}@{}", printable(place.layer->name()), place.offset);
+        }
+        return text;
+    }
+
+    Output& m_output;
+    const Volume* m_volume = nullptr;
+    std::size_t m_width = 0;
+    uint64_t m_pieces = 0;
+};
+
 // A file that cannot be mapped to its end still shows the runs before that.
 template <typename Printer>
 void printExtents(Printer printer, FoundFile& found) {
@@ -96,7 +216,11 @@ void printExtents(Printer printer, FoundFile& found) {
 
 ExitStatus runExtents(Session& session) {
     FoundFile found = findFile(session.volume, session.options.path);
-    if (session.options.json) {
+    if (session.options.physical && session.options.json) {
+        printExtents(PhysicalJsonPrinter(session.output), found);
+    } else if (session.options.physical) {
+        printExtents(PhysicalTablePrinter(session.output), found);
+    } else if (session.options.json) {
         printExtents(JsonPrinter(session.output), found);
     } else {
         printExtents(TablePrinter(session.output), found);

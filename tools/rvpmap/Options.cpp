@@ -13,13 +13,16 @@ const char* const DESCRIPTION =
 
 const char* const FOOTER =
     "A VOLUME is an image file or a block device; FILE@OFFSET starts OFFSET bytes into it\n"
-    "(decimal, 0x hexadecimal, or with K, M, G, T behind it).\n"
+    "(decimal, 0x hexadecimal, or with K, M, G, T behind it). With -d, it is the name of anything\n"
+    "that scan finds on the disks.\n"
     "\n"
     "Examples:\n"
     "  rvpmap info disk.img                      what lies on the volume\n"
     "  rvpmap ls -l disk.img /home               a directory\n"
     "  rvpmap extents disk.img@1M /etc/fstab     a file of the partition at 1 MiB\n"
     "  rvpmap extract disk.img /etc/fstab -o -   the file's bytes\n"
+    "  rvpmap -d a.img -d b.img scan             partitions, arrays, logical volumes\n"
+    "  rvpmap -d a.img -d b.img ls md0 /home     a directory on an array\n"
     "  rvpmap COMMAND --help                     more on a command\n"
     "\n"
     "Exit status: 0 done; 1 not claimed, not found or of the wrong kind; 2 wrong usage;\n"
@@ -63,7 +66,8 @@ constexpr CommandText COMMANDS[] = {
      "Examples:\n"
      "  rvpmap extents disk.img /var/lib/db\n"
      "  rvpmap extents disk.img /home            a directory's own blocks\n"
-     "  rvpmap extents disk.img /var/lib/db --json | jq '.extents | length'\n"},
+     "  rvpmap extents disk.img /var/lib/db --json | jq '.extents | length'\n"
+     "  rvpmap -d a.img -d b.img extents --physical md0 /etc/fstab    where on which disk\n"},
     {Command::EXTRACT, "extract", "Copy a file, or with -r a tree, out of the volume",
      "A file is read from the volume's own runs. It gets its permissions (without set-id bits)\n"
      "and times; holes stay holes. It is written under a temporary name and renamed at the end,\n"
@@ -108,6 +112,12 @@ constexpr CommandText COMMANDS[] = {
      "  rvpmap owner disk.img 0x1F400000+4K 750M\n"
      "  rvpmap owner disk.img --ddrescue disk.map\n"
      "  rvpmap owner disk.img --ddrescue disk.map --json | jq -r '.[].path // empty' | sort -u\n"},
+    {Command::SCAN, "scan", "Show what disks hold: partitions, arrays, logical volumes",
+     "Disks are given by -d. Each name of the tree can stand as VOLUME for the other commands.\n"
+     "\n"
+     "Examples:\n"
+     "  rvpmap -d a.img -d b.img -d c.img scan\n"
+     "  rvpmap -d /dev/sdb scan --json | jq -r '.. | .name? // empty'\n"},
 };
 
 const std::map<std::string, int> LOG_LEVELS = {
@@ -143,6 +153,9 @@ void addGlobals(CLI::App& app, Options& options, Raw& raw) {
                  "Show all its log lines and calls; --trace=5 and --trace=6 show fewer calls");
     app.add_option("--color", raw.colour, "Colours: auto (on a terminal), always or never")
         ->check(oneOf(COLOURS));
+    app.add_option("-d,--disk", options.disks,
+                   "Disk image or block device on which VOLUME lies; may be repeated")
+        ->allow_extra_args(false);
     app.add_option("--root", options.root,
                    "Folder that holds lib/libdorado.so and lib/map/rvp/libfso.so")
         ->envname("RVPMAP_ROOT");
@@ -152,8 +165,13 @@ CLI::App* addCommand(CLI::App& app, const CommandText& text, Options& options) {
     CLI::App* command = app.add_subcommand(text.name, text.description);
     command->footer(text.examples);
     command->fallthrough();
-    command->add_option("VOLUME", options.volume, "Image file, block device or FILE@OFFSET")
-        ->required();
+    if (text.command != Command::SCAN) {
+        command
+            ->add_option(
+                "VOLUME", options.volume,
+                "Image file, block device, FILE@OFFSET or, with -d, a name that scan shows")
+            ->required();
+    }
     command->add_flag("--json", options.json, "Print JSON");
     command->callback([&options, &text] { options.command = text.command; });
     return command;
@@ -168,7 +186,11 @@ void addCommandOptions(CLI::App& command, Command kind, Options& options, Raw& r
         command.add_flag("-l,--long", options.details, "Show mode, links, owner, size and time");
         command.add_flag("-R,--recursive", options.recursive, "List everything below PATH");
         command.add_flag("-U,--unsorted", options.unsorted, "Keep the directory's own order");
+    } else if (kind == Command::EXTENTS) {
+        command.add_flag("--physical", options.physical, "Show the runs on the disks");
     } else if (kind == Command::EXTRACT) {
+        command.add_flag("--physical", options.physical,
+                         "Read by the runs on the disks, past all layers in between");
         command
             .add_option("-o,--output", options.output,
                         "File to write, - for standard output; with -r a directory")
@@ -226,7 +248,11 @@ void interpret(const Raw& raw, Options& options) {
 
 // What the parser's own checks do not see.
 void checkCombination(const Options& options, const Raw& raw) {
-    if (options.volume.empty()) {
+    if (options.command == Command::SCAN) {
+        if (options.disks.empty()) {
+            throw CLI::RequiredError("--disk");
+        }
+    } else if (options.volume.empty()) {
         throw CLI::ValidationError("VOLUME", "must not be empty");
     }
     if (options.recursive && options.output == "-") {

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-enum class Command { CLAIM, INFO, LIST, STAT, EXTENTS, EXTRACT, CATALOG, MAP, OWNER };
+enum class Command { CLAIM, INFO, LIST, STAT, EXTENTS, EXTRACT, CATALOG, MAP, OWNER, SCAN };
 enum class Format { TABLE, CSV, NDJSON, SQLITE };
 enum class Colour { AUTO, ALWAYS, NEVER };
 
@@ -29,10 +29,12 @@ struct Options {
     bool unsorted = false;
     bool extents = false;
     bool owners = false;
+    bool physical = false;         // down to the disks
     Format format = Format::TABLE; // of the catalogue
     // Global
     Colour colour = Colour::AUTO;
     std::string root;
+    std::vector<std::string> disks; // where VOLUME is looked for
     int logLevel = 0; // the provider's log lines: 0 none, 1 errors, 2 and warnings, 3 and
                       // information, 4 and debugging
     int trace = 0;    // 0, or 5 to 7

@@ -7,6 +7,8 @@
 #include "Table.h"
 #include "Volume.h"
 
+class Stack;
+
 struct Session {
     const Options& options;
     Volume& volume; // opened, except for `claim`
@@ -24,5 +26,7 @@ ExitStatus runExtract(Session& session);
 ExitStatus runCatalog(Session& session);
 ExitStatus runMap(Session& session);
 ExitStatus runOwner(Session& session);
+// Shows what the disks hold; there is no single volume.
+ExitStatus runScan(const Options& options, const Stack& stack);
 
 #endif

@@ -1,5 +1,6 @@
 #include "Volume.h"
 
+#include "DiskRuns.h"
 #include "File.h"
 
 #include <algorithm>
@@ -16,9 +17,8 @@ int stayAlive(void* /*context*/) {
 
 } // namespace
 
-Volume::Volume(const Provider& provider, std::unique_ptr<ByteSource> source,
-               const std::string& name)
-    : m_provider(provider), m_source(std::move(source)), m_name(name), m_handler{{onError}, this} {
+Volume::Volume(const Provider& provider, const Layer& source, const std::string& name)
+    : m_provider(provider), m_source(source), m_name(name), m_handler{{onError}, this} {
     initInstance();
     try {
         check(call(m_provider.setVolumeReadCallback, onRead, this), "cannot be prepared");
@@ -73,6 +73,14 @@ void Volume::open() {
     check(call(m_provider.statFs, m_fileSystem, &m_statistics), "cannot be opened");
     check(call(m_provider.objctl, m_fileSystem, static_cast<int>(KMP_OCROOTINDEX), &m_rootIndex),
           "cannot be opened");
+}
+
+void Volume::readData(uint64_t offset, std::size_t length, char* buffer) const {
+    if (m_dataFromDisks) {
+        readFromDisks(m_source, offset, length, buffer);
+    } else {
+        m_source.read(offset, length, buffer);
+    }
 }
 
 std::string Volume::label() {
@@ -130,7 +138,7 @@ void Volume::onError(kmp_ehandler* self, const char* english, const char* /*loca
 bool Volume::onRead(void* context, unsigned long offset, unsigned long length, char* buffer) {
     Volume& volume = *static_cast<Volume*>(context);
     try {
-        volume.m_source->read(offset, length, buffer);
+        volume.m_source.read(offset, length, buffer);
         return true;
     } catch (const SourceError& error) {
         volume.m_readFailure = error.what();

@@ -1,13 +1,14 @@
 // One volume as the provider serves it: an instance, the claim and the opened file system.
 //
-// A volume owns its byte source and its provider instance. Files opened from it refer to it and
-// must be gone before it.
+// A volume owns its provider instance and refers to the layer with its bytes. Files opened from it
+// refer to it and must be gone before it.
 #ifndef RVPMAP_VOLUME_H
 #define RVPMAP_VOLUME_H
 
-#include "ByteSource.h"
 #include "ExitStatus.h"
+#include "Layer.h"
 #include "Provider.h"
+#include "SourceError.h"
 
 #include <array>
 #include <memory>
@@ -18,7 +19,7 @@ class File;
 class Volume {
   public:
     // `name` is what the user calls the volume. Throws ToolError.
-    Volume(const Provider& provider, std::unique_ptr<ByteSource> source, const std::string& name);
+    Volume(const Provider& provider, const Layer& source, const std::string& name);
     ~Volume();
     Volume(const Volume&) = delete;
     Volume& operator=(const Volume&) = delete;
@@ -29,7 +30,11 @@ class Volume {
     void open();
 
     const std::string& name() const { return m_name; }
-    const ByteSource& source() const { return *m_source; }
+    const Layer& source() const { return m_source; }
+    // Reads what files hold: through all layers, or past them by the runs on the disks. Throws
+    // SourceError.
+    void readData(uint64_t offset, std::size_t length, char* buffer) const;
+    void readDataFromDisks() { m_dataFromDisks = true; }
     const kmp_fs& statistics() const { return m_statistics; }
     uint64_t rootIndex() const { return m_rootIndex; }
     // File slots in use: about as many files as a walk will meet.
@@ -70,7 +75,8 @@ class Volume {
     void initInstance();
 
     const Provider& m_provider;
-    std::unique_ptr<ByteSource> m_source;
+    const Layer& m_source;
+    bool m_dataFromDisks = false;
     std::string m_name;
     Handler m_handler;
     RvpInstance* m_instance = nullptr;

@@ -2,12 +2,13 @@
 #ifndef RVPMAP_VOLUMESOURCE_H
 #define RVPMAP_VOLUMESOURCE_H
 
-#include "ByteSource.h"
+#include "Layer.h"
 
 #include <memory>
 
 // FILE or FILE@OFFSET; a file whose own name is the whole text wins. OFFSET is decimal or, after
-// 0x, hexadecimal, with K, M, G or T behind it for powers of 1024. Throws ToolError.
-std::unique_ptr<ByteSource> openVolumeSource(const std::string& volume);
+// 0x, hexadecimal, with K, M, G or T behind it for powers of 1024. Throws ToolError and
+// SourceError.
+std::unique_ptr<Layer> openVolumeSource(const std::string& volume);
 
 #endif

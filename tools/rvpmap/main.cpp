@@ -4,6 +4,8 @@
 #include "Messages.h"
 #include "Session.h"
 #include "Signals.h"
+#include "Stack.h"
+#include "StackVolume.h"
 #include "VolumeSource.h"
 
 #include "fso/IFileSystemObjectV1.h"
@@ -52,6 +54,8 @@ ExitStatus dispatch(Session& session) {
         return runMap(session);
     case Command::OWNER:
         return runOwner(session);
+    case Command::SCAN:
+        break; // has no volume
     }
     return ExitStatus::USAGE;
 }
@@ -68,10 +72,12 @@ ExitStatus runAndFlush(Session& session) {
     }
 }
 
-ExitStatus run(const Options& options) {
-    auto source = openVolumeSource(options.volume);
+ExitStatus runOnVolume(const Options& options, const Layer& source) {
     const Provider provider(options.root);
-    Volume volume(provider, std::move(source), options.volume);
+    Volume volume(provider, source, options.volume);
+    if (options.physical) {
+        volume.readDataFromDisks();
+    }
     if (options.command != Command::CLAIM) {
         volume.open();
         warnOfState(volume);
@@ -80,18 +86,35 @@ ExitStatus run(const Options& options) {
     return runAndFlush(session);
 }
 
+ExitStatus run(const Options& options) {
+    if (options.disks.empty()) {
+        return runOnVolume(options, *openVolumeSource(options.volume));
+    }
+    Stack stack(options.disks);
+    stack.discover();
+    return options.command == Command::SCAN
+               ? runScan(options, stack)
+               : runOnVolume(options, findVolume(stack, options.volume));
+}
+
+// What messages are about where no file is named.
+const std::string& subjectOf(const Options& options) {
+    static const std::string DISKS = "disks";
+    return options.command == Command::SCAN ? DISKS : options.volume;
+}
+
 ExitStatus runReported(const Options& options) {
     try {
         return run(options);
     } catch (const ToolError& error) {
-        printMessage(options.volume, error.what());
+        printMessage(subjectOf(options), error.what());
         return error.status();
     } catch (const OutputClosed&) {
         return ExitStatus::FAILED;
     } catch (const Interrupted& interrupted) {
         endBySignal(interrupted.signal());
     } catch (const std::exception& error) {
-        printMessage(options.volume, error.what());
+        printMessage(subjectOf(options), error.what());
         return ExitStatus::FAILED;
     }
 }

@@ -1,6 +1,6 @@
 // A file descriptor and its owner.
-#ifndef RVPMAP_UNIQUEFD_H
-#define RVPMAP_UNIQUEFD_H
+#ifndef STACK_UNIQUEFD_H
+#define STACK_UNIQUEFD_H
 
 #include <unistd.h>
 

@@ -1,0 +1,82 @@
+#include "DiskImage.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <utility>
+
+namespace {
+
+SourceError readFailure(uint64_t offset, uint64_t length, const std::string& reason, bool pastEnd) {
+    return {fmt::format("read of {} bytes at offset {}: {}", length, offset, reason), pastEnd};
+}
+
+SourceError systemFailure() {
+    return {std::strerror(errno), false};
+}
+
+} // namespace
+
+// O_NONBLOCK keeps the opening of a FIFO from waiting for a writer; files and disks ignore it.
+DiskImage::DiskImage(const std::string& path, std::string name)
+    : m_name(std::move(name)), m_file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {
+    if (!m_file.valid()) {
+        throw systemFailure();
+    }
+    measure();
+}
+
+void DiskImage::measure() {
+    struct stat status = {};
+    if (::fstat(m_file.get(), &status) != 0) {
+        throw systemFailure();
+    }
+    m_isDevice = S_ISBLK(status.st_mode);
+    m_device = m_isDevice ? status.st_rdev : status.st_dev;
+    m_inode = m_isDevice ? 0 : status.st_ino;
+    if (S_ISREG(status.st_mode)) {
+        m_size = static_cast<uint64_t>(status.st_size);
+    } else if (!m_isDevice) {
+        throw SourceError("is neither an image file nor a block device", false);
+    } else if (::ioctl(m_file.get(), BLKGETSIZE64, &m_size) != 0) {
+        throw systemFailure();
+    }
+}
+
+void DiskImage::checkRange(uint64_t offset, uint64_t length) const {
+    if (offset > m_size || length > m_size - offset) {
+        throw readFailure(offset, length,
+                          fmt::format("past the end of {}, which has {} bytes", m_name, m_size),
+                          true);
+    }
+}
+
+void DiskImage::read(uint64_t offset, std::size_t length, char* buffer) const {
+    checkRange(offset, length);
+    for (std::size_t done = 0; done < length;) {
+        const ssize_t count =
+            ::pread(m_file.get(), buffer + done, length - done, static_cast<off_t>(offset + done));
+        if (count > 0) {
+            done += static_cast<std::size_t>(count);
+        } else if (count == 0) {
+            throw readFailure(offset, length, fmt::format("{} has become shorter", m_name), true);
+        } else if (errno != EINTR) {
+            throw readFailure(offset, length, fmt::format("{}: {}", m_name, std::strerror(errno)),
+                              false);
+        }
+    }
+}
+
+// A range that is not on the disk is no range of it; what lies on it has nothing below.
+std::vector<LayerRun> DiskImage::map(uint64_t offset, uint64_t length) const {
+    checkRange(offset, length);
+    return {};
+}
+
+bool DiskImage::isSameAs(const DiskImage& other) const {
+    return m_isDevice == other.m_isDevice && m_device == other.m_device && m_inode == other.m_inode;
+}

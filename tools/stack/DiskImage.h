@@ -1,0 +1,34 @@
+// The layer at the bottom: an image file or a block device.
+#ifndef STACK_DISKIMAGE_H
+#define STACK_DISKIMAGE_H
+
+#include "Layer.h"
+#include "SourceError.h"
+#include "UniqueFd.h"
+
+#include <sys/types.h>
+
+class DiskImage : public Layer {
+  public:
+    // Opens `path` for reading. Throws SourceError, without the name.
+    DiskImage(const std::string& path, std::string name);
+    const std::string& name() const override { return m_name; }
+    uint64_t size() const override { return m_size; }
+    void read(uint64_t offset, std::size_t length, char* buffer) const override;
+    std::vector<LayerRun> map(uint64_t offset, uint64_t length) const override;
+    // Whether both are one file or device, whatever their names.
+    bool isSameAs(const DiskImage& other) const;
+
+  private:
+    void measure();
+    void checkRange(uint64_t offset, uint64_t length) const;
+
+    std::string m_name;
+    UniqueFd m_file;
+    uint64_t m_size = 0;
+    bool m_isDevice = false;
+    dev_t m_device = 0; // of the file system, or the block device itself
+    ino_t m_inode = 0;
+};
+
+#endif

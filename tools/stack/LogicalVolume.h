@@ -1,0 +1,27 @@
+// The layer of a logical volume: segments one after the other, each on one place or striped.
+#ifndef STACK_LOGICALVOLUME_H
+#define STACK_LOGICALVOLUME_H
+
+#include "MappedLayer.h"
+
+// All in bytes.
+struct VolumeSegment {
+    uint64_t start;
+    uint64_t length;
+    uint64_t stripeSize;            // means nothing with less than two places
+    std::vector<LayerPlace> places; // one for each stripe; none: reads as zeros
+};
+
+class LogicalVolume : public MappedLayer {
+  public:
+    // The segments lie next to each other from 0 on.
+    LogicalVolume(std::string name, std::vector<VolumeSegment> segments);
+
+  protected:
+    LayerRun firstRun(uint64_t offset, uint64_t length) const override;
+
+  private:
+    std::vector<VolumeSegment> m_segments;
+};
+
+#endif

@@ -1,0 +1,33 @@
+// What the layers above the disks share: a name, a size, and reading by the runs of `map`.
+#ifndef STACK_MAPPEDLAYER_H
+#define STACK_MAPPEDLAYER_H
+
+#include "Layer.h"
+
+#include <string>
+#include <utility>
+#include <vector>
+
+class MappedLayer : public Layer {
+  public:
+    const std::string& name() const override { return m_name; }
+    uint64_t size() const override { return m_size; }
+    void read(uint64_t offset, std::size_t length, char* buffer) const override;
+    std::vector<LayerRun> map(uint64_t offset, uint64_t length) const override;
+
+  protected:
+    MappedLayer(std::string name, uint64_t size) : m_name(std::move(name)), m_size(size) {}
+    // The first run of a range that lies within the layer and is not empty; as long as may be.
+    virtual LayerRun firstRun(uint64_t offset, uint64_t length) const = 0;
+
+  private:
+    std::string m_name;
+    uint64_t m_size; // bytes
+};
+
+// Appends a run, as part of the last one where it goes on from there.
+void appendRun(std::vector<LayerRun>& runs, LayerRun run);
+// Fills `run.length` bytes from the places of a run. Throws SourceError.
+void readRun(const LayerRun& run, char* buffer);
+
+#endif

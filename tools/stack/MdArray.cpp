@@ -1,0 +1,135 @@
+#include "MdArray.h"
+
+#include "SourceError.h"
+
+#include <algorithm>
+#include <cstring>
+#include <fmt/format.h>
+
+namespace {
+
+// Only of the library: the disk's name in its records.
+const char* const LIBRARY_DISK = "member";
+
+// Superblocks as the library is to see them: that of the array, in turn with each role. A missing
+// member is thus stood in for, and every array of the library is complete.
+union LibrarySuperblock {
+    std::array<char, MD_SUPERBLOCK_SIZE> raw;
+    md_superblock_s v090;
+    md_superblock_v1_s v1;
+};
+
+// The library never completes an array of one disk; a mirror of two lies on the first as well. A
+// stripe over one disk is a mirror of one.
+bool isSingle(const MdSuperblock& superblock) {
+    return superblock.raidDisks == 1;
+}
+
+void addV090(RvpRaid& raid, RvpDisk& disk, LibrarySuperblock& superblock, uint32_t role,
+             bool single) {
+    superblock.v090.this_disk_raid_disk = role;
+    superblock.v090.this_disk_state |= MD_DISK_IN_SYNC;
+    if (single) {
+        superblock.v090.level = 1;
+        superblock.v090.raid_disks = 2;
+    }
+    raid.addPartitionToVolume(disk, &superblock.v090);
+}
+
+void addV1(RvpRaid& raid, RvpDisk& disk, LibrarySuperblock& superblock, uint32_t role,
+           bool single) {
+    superblock.v1.dev_number = 0;
+    superblock.v1.dev_roles[0] = static_cast<uint16_t>(role);
+    if (single) {
+        superblock.v1.level = 1;
+        superblock.v1.raid_disks = 2;
+    }
+    raid.addPartitionToVolume_v1(disk, &superblock.v1);
+}
+
+// What the library may use of a member: at level 0 all that the member has, else as much as the
+// array uses, so that larger members make no zones.
+uint64_t usedSectors(const MdAssembly& assembly, const MdMember* member) {
+    const MdSuperblock& array = assembly.newest->superblock;
+    return array.level == 0 && member != nullptr ? member->superblock.dataSectors
+                                                 : array.componentSectors;
+}
+
+} // namespace
+
+MdArray::MdArray(std::string name, const MdAssembly& assembly)
+    : MappedLayer(std::move(name), assembly.size), m_level(assembly.newest->superblock.level) {
+    for (const MdMember* member : assembly.byRole) {
+        m_members.push_back(
+            member == nullptr ? Member{nullptr, 0}
+                              : Member{member->layer, member->superblock.dataStart * SECTOR_BYTES});
+    }
+    addToLibrary(assembly);
+}
+
+void MdArray::addToLibrary(const MdAssembly& assembly) {
+    const MdSuperblock& array = assembly.newest->superblock;
+    const bool single = isSingle(array);
+    for (uint32_t role = 0; role < (single ? 2 : array.raidDisks); ++role) {
+        const MdMember* member = role < assembly.byRole.size() ? assembly.byRole[role] : nullptr;
+        RvpDisk disk;
+        disk.name = LIBRARY_DISK;
+        disk.callerWord = role;
+        RvpPartition& partition = disk.partitions.emplace_back();
+        partition.startSector = member != nullptr ? member->superblock.dataStart : 0;
+        partition.sectorCount = usedSectors(assembly, member);
+
+        LibrarySuperblock superblock;
+        superblock.raw = array.raw;
+        if (array.version == "0.90") {
+            addV090(m_raid, disk, superblock, role, single);
+        } else {
+            addV1(m_raid, disk, superblock, role, single);
+        }
+        m_volume = {LIBRARY_DISK, partition.startSector};
+    }
+}
+
+LayerRun MdArray::firstRun(uint64_t offset, uint64_t length) const {
+    // The library answers in whole sectors.
+    const uint64_t head = offset % SECTOR_BYTES;
+    const uint64_t sectors = (head + length + SECTOR_BYTES - 1) / SECTOR_BYTES;
+    unsigned long memberOffset = 0;
+    unsigned long runLength = 0;
+    unsigned long partitionStart = 0;
+    RvpDisk* disk = nullptr; // stays null when the library cannot tell
+    m_raid.calculatePartitionRun(&m_volume, offset - head, sectors * SECTOR_BYTES, memberOffset,
+                                 runLength, &disk, &partitionStart);
+    if (disk == nullptr || runLength <= head) {
+        throw SourceError(fmt::format("read of {} bytes at offset {}: {} cannot be mapped there",
+                                      length, offset, name()),
+                          false);
+    }
+    const uint64_t usable = std::min<uint64_t>(length, runLength - head);
+    const uint32_t role = disk->callerWord;
+    if (role < m_members.size() && m_members[role].layer != nullptr) {
+        return {usable, RunKind::DATA, {placeOn(role, memberOffset + head)}};
+    }
+    return rebuiltRun(role, memberOffset + head, usable);
+}
+
+LayerPlace MdArray::placeOn(uint32_t role, uint64_t offset) const {
+    return {m_members[role].layer, m_members[role].start + offset};
+}
+
+// What a missing member would hold: a mirror's bytes, or the exclusive or of all others.
+LayerRun MdArray::rebuiltRun(uint32_t role, uint64_t offset, uint64_t length) const {
+    if (m_level == 10) {
+        return {length, RunKind::DATA, {placeOn(role ^ 1U, offset)}};
+    }
+    LayerRun run{length, m_level == 4 || m_level == 5 ? RunKind::XOR : RunKind::DATA, {}};
+    for (uint32_t other = 0; other < m_members.size(); ++other) {
+        if (m_members[other].layer != nullptr) {
+            run.places.push_back(placeOn(other, offset));
+        }
+    }
+    if (run.kind == RunKind::DATA) {
+        run.places.resize(1);
+    }
+    return run;
+}
