@@ -14,7 +14,7 @@ namespace {
 }
 
 // As long as no other process guesses it; the exclusive creation catches the rest.
-std::string temporaryName() {
+std::string newTemporaryName() {
     static std::random_device random;
     return fmt::format(".rvpmap-{:08x}{:08x}", random(), random());
 }
@@ -24,7 +24,7 @@ std::string temporaryName() {
 AtomicFile::AtomicFile(int directory, const std::string& name)
     : m_directory(directory), m_name(name) {
     do {
-        m_temporary = temporaryName();
+        m_temporary = newTemporaryName();
         m_file = UniqueFd(::openat(directory, m_temporary.c_str(),
                                    O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     } while (!m_file.valid() && errno == EEXIST);

@@ -18,6 +18,8 @@ class AtomicFile {
     AtomicFile& operator=(const AtomicFile&) = delete;
 
     int descriptor() const { return m_file.get(); }
+    // In the directory, until the commit.
+    const std::string& temporaryName() const { return m_temporary; }
     enum class Existing { REPLACE, KEEP };
     // Gives the file its name. With KEEP, a file that has the name already stays and EEXIST is
     // thrown.

@@ -1,8 +1,6 @@
 #include "CatalogWriter.h"
-#include "Path.h"
-#include "Progress.h"
+#include "FileVisit.h"
 #include "Session.h"
-#include "TreeWalk.h"
 
 #include <sys/stat.h>
 
@@ -12,28 +10,17 @@ class Cataloguer {
   public:
     Cataloguer(Session& session, CatalogWriter& writer)
         : m_session(session), m_writer(writer),
-          m_failures(session.options.volume, Failures::When::AT_ONCE),
-          m_progress("catalog", Progress::Unit::FILES, filesInUse(session.volume)) {}
+          m_failures(session.options.volume, Failures::When::AT_ONCE) {}
 
     ExitStatus run() {
-        FoundFile root = findFile(m_session.volume, "/");
         m_writer.begin();
-        add(root.path, root.file);
-        TreeWalk walk(std::move(root.file), root.path, TreeWalk::Open::ALL, m_failures);
-        for (auto step = walk.next(); step != TreeWalk::Step::END; step = walk.next()) {
-            if (step == TreeWalk::Step::ENTRY) {
-                add(walk.path(), walk.file());
-            }
-        }
+        visitEveryFile(m_session.volume, "catalog", m_failures,
+                       [&](const std::string& path, File& file) { add(path, file); });
+        m_writer.end(m_failures.count());
         return m_failures.count() == 0 ? ExitStatus::DONE : ExitStatus::FAILED;
     }
 
   private:
-    static uint64_t filesInUse(const Volume& volume) {
-        const kmp_fs& fs = volume.statistics();
-        return fs.fileCount - std::min(fs.freeFiles, fs.fileCount);
-    }
-
     void add(const std::string& path, File& file) {
         std::optional<std::string> target;
         if (file.typeBits() == S_IFLNK) {
@@ -45,7 +32,6 @@ class Cataloguer {
         }
         m_writer.endFile();
         m_session.output.pace();
-        m_progress.advance(1);
     }
 
     void addExtents(File& file) {
@@ -61,6 +47,8 @@ class Cataloguer {
     void attempt(const std::string& path, Action action) {
         try {
             action();
+        } catch (const WriteError&) {
+            throw;
         } catch (const ToolError& error) {
             m_failures.add(path, error.what());
         }
@@ -69,7 +57,6 @@ class Cataloguer {
     Session& m_session;
     CatalogWriter& m_writer;
     Failures m_failures;
-    Progress m_progress;
 };
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include "Csv.h"
 #include "Json.h"
+#include "SqliteCatalogWriter.h"
 
 namespace {
 
@@ -94,6 +95,8 @@ std::unique_ptr<CatalogWriter> makeCatalogWriter(Session& session) {
         return std::make_unique<CsvWriter>(session.output, extents);
     case Format::NDJSON:
         return std::make_unique<NdjsonWriter>(session.output, extents);
+    case Format::SQLITE:
+        return makeSqliteCatalogWriter(session);
     case Format::TABLE:
         break;
     }

@@ -19,6 +19,8 @@ class CatalogWriter {
                            const std::optional<std::string>& target) = 0;
     virtual void addExtent(const Run& run) = 0;
     virtual void endFile() = 0;
+    // All paths have come, so many of them with something that could not be read.
+    virtual void end(std::size_t /*failures*/) {}
 };
 
 // By the session's options. The session must outlive the writer.

@@ -23,6 +23,12 @@ class ToolError : public std::runtime_error {
     ExitStatus m_status;
 };
 
+// The result can take no more: work that goes on past damage ends here all the same.
+class WriteError : public ToolError {
+  public:
+    explicit WriteError(const std::string& text) : ToolError(ExitStatus::FAILED, text) {}
+};
+
 // The reader of the output has gone: the tool ends without a word.
 class OutputClosed : public std::exception {};
 

@@ -87,7 +87,31 @@ constexpr CommandText COMMANDS[] = {
      "Examples:\n"
      "  rvpmap catalog disk.img\n"
      "  rvpmap catalog --extents --format ndjson disk.img > files.ndjson\n"
-     "  rvpmap catalog --format csv disk.img > files.csv\n"},
+     "  rvpmap catalog --format csv disk.img > files.csv\n"
+     "  rvpmap catalog --extents --format sqlite -o files.db disk.img\n"},
+    {Command::MAP, "map", "Draw where the files lie on the volume",
+     "The picture is an SVG file: rows of the volume's bytes from left to right and top to "
+     "bottom,\n"
+     "shaded by how much of them files hold. Each PATH, with everything below it, gets a colour "
+     "of\n"
+     "its own and a line in the legend.\n"
+     "\n"
+     "Examples:\n"
+     "  rvpmap map disk.img -o map.svg\n"
+     "  rvpmap map disk.img /home/ada /var/lib/db -o map.svg\n"
+     "  rvpmap map disk.img /var/log -o - | rsvg-convert > map.png\n"},
+    {Command::OWNER, "owner", "Tell which files own byte ranges of the volume",
+     "A RANGE is OFFSET or OFFSET+LENGTH from the volume's start, in bytes (decimal, 0x "
+     "hexadecimal,\n"
+     "or with K, M, G, T behind it); without a length it is one byte. --ddrescue adds the areas "
+     "of\n"
+     "a map file of GNU ddrescue that could not be read. The volume is walked once for all of "
+     "them.\n"
+     "\n"
+     "Examples:\n"
+     "  rvpmap owner disk.img 0x1F400000+4K 750M\n"
+     "  rvpmap owner disk.img --ddrescue disk.map\n"
+     "  rvpmap owner disk.img --ddrescue disk.map --json | jq -r '.[].path // empty' | sort -u\n"},
     {Command::SCAN, "scan", "Show what disks hold: partitions, arrays, logical volumes",
      "Disks are given by -d. Each name of the tree can stand as VOLUME for the other commands.\n"
      "\n"
@@ -100,8 +124,10 @@ const std::map<std::string, int> LOG_LEVELS = {
     {"error", 1}, {"warning", 2}, {"info", 3}, {"debug", 4}};
 const std::map<std::string, Colour> COLOURS = {
     {"auto", Colour::AUTO}, {"always", Colour::ALWAYS}, {"never", Colour::NEVER}};
-const std::map<std::string, Format> FORMATS = {
-    {"table", Format::TABLE}, {"csv", Format::CSV}, {"ndjson", Format::NDJSON}};
+const std::map<std::string, Format> FORMATS = {{"table", Format::TABLE},
+                                               {"csv", Format::CSV},
+                                               {"ndjson", Format::NDJSON},
+                                               {"sqlite", Format::SQLITE}};
 
 // What the parser cannot put into the options directly.
 struct Raw {
@@ -152,8 +178,8 @@ CLI::App* addCommand(CLI::App& app, const CommandText& text, Options& options) {
 }
 
 void addCommandOptions(CLI::App& command, Command kind, Options& options, Raw& raw) {
-    if (kind != Command::CLAIM && kind != Command::INFO && kind != Command::CATALOG &&
-        kind != Command::SCAN) {
+    if (kind == Command::LIST || kind == Command::STAT || kind == Command::EXTENTS ||
+        kind == Command::EXTRACT) {
         command.add_option("PATH", options.path, "Path from the volume's root");
     }
     if (kind == Command::LIST) {
@@ -173,9 +199,19 @@ void addCommandOptions(CLI::App& command, Command kind, Options& options, Raw& r
         command.add_flag("--owner", options.owners,
                          "With -r, as root: restore owners, groups and set-id bits");
     } else if (kind == Command::CATALOG) {
-        command.add_option("--format", raw.format, "table, csv or ndjson (--json means ndjson)")
+        command
+            .add_option("--format", raw.format,
+                        "table, csv, ndjson or sqlite (--json means ndjson)")
             ->check(oneOf(FORMATS));
         command.add_flag("--extents", options.extents, "Add the extents of every file");
+        command.add_option("-o,--output", options.output, "Database to write, with sqlite");
+    } else if (kind == Command::MAP) {
+        command.add_option("PATH", options.paths, "Files and trees to colour");
+        command.add_option("-o,--output", options.output, "File to write, - for standard output")
+            ->required();
+    } else if (kind == Command::OWNER) {
+        command.add_option("RANGE", options.ranges, "OFFSET or OFFSET+LENGTH, bytes");
+        command.add_option("--ddrescue", options.ddrescue, "Map file of GNU ddrescue");
     }
 }
 
@@ -224,6 +260,12 @@ void checkCombination(const Options& options, const Raw& raw) {
     }
     if (options.owners && !options.recursive) {
         throw CLI::ValidationError("--owner", "goes with -r");
+    }
+    if (options.command == Command::CATALOG && (raw.format == "sqlite") == options.output.empty()) {
+        throw CLI::ValidationError("--output", "goes with --format sqlite, which needs it");
+    }
+    if (options.command == Command::OWNER && options.ranges.empty() && options.ddrescue.empty()) {
+        throw CLI::RequiredError("RANGE or --ddrescue");
     }
     if (options.json && !raw.format.empty() && raw.format != "ndjson") {
         throw CLI::ValidationError("--json", "contradicts --format " + raw.format);

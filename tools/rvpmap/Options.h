@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-enum class Command { CLAIM, INFO, LIST, STAT, EXTENTS, EXTRACT, CATALOG, SCAN };
-enum class Format { TABLE, CSV, NDJSON };
+enum class Command { CLAIM, INFO, LIST, STAT, EXTENTS, EXTRACT, CATALOG, MAP, OWNER, SCAN };
+enum class Format { TABLE, CSV, NDJSON, SQLITE };
 enum class Colour { AUTO, ALWAYS, NEVER };
 
 constexpr int FIRST_TRACE_LEVEL = 5;
@@ -20,6 +20,9 @@ struct Options {
     std::string volume;
     std::string path = "/";
     std::string output;
+    std::vector<std::string> paths;  // of the map's files
+    std::vector<std::string> ranges; // OFFSET[+LENGTH] of the owners
+    std::string ddrescue;            // a map file of bad areas
     bool json = false;
     bool details = false;
     bool recursive = false;

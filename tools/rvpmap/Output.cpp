@@ -15,8 +15,7 @@ void writeAll(int descriptor, const char* bytes, std::size_t length, const std::
         } else if (errno == EPIPE) {
             throw OutputClosed();
         } else if (errno != EINTR) {
-            throw ToolError(ExitStatus::FAILED,
-                            fmt::format("cannot write to {}: {}", name, std::strerror(errno)));
+            throw WriteError(fmt::format("cannot write to {}: {}", name, std::strerror(errno)));
         }
     }
 }

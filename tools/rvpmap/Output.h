@@ -27,7 +27,7 @@ inline void appendNumber(TextBuffer& buffer, uint64_t value) {
     append(buffer, {digits.data(), digits.size()});
 }
 
-// Writes all bytes. Throws OutputClosed when the reader has gone, else ToolError.
+// Writes all bytes. Throws OutputClosed when the reader has gone, else WriteError.
 void writeAll(int descriptor, const char* bytes, std::size_t length, const std::string& name);
 
 class Output {

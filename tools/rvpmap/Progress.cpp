@@ -13,6 +13,17 @@ constexpr auto INTERVAL = std::chrono::milliseconds(100);
 constexpr unsigned CALLS_A_CLOCK_READING = 32;
 constexpr uint64_t BAR_CELLS = 24;
 
+// "45 s", "3:07 min", "2:05 h"
+std::string durationText(double seconds) {
+    constexpr double LONGEST = 999.0 * 3600;
+    const auto whole = static_cast<unsigned>(std::min(seconds, LONGEST) + 0.5);
+    if (whole < 60) {
+        return fmt::format("{} s", whole);
+    }
+    return whole < 3600 ? fmt::format("{}:{:02} min", whole / 60, whole % 60)
+                        : fmt::format("{}:{:02} h", whole / 3600, whole / 60 % 60);
+}
+
 } // namespace
 
 bool Progress::s_enabled = false;
@@ -55,7 +66,11 @@ std::string Progress::line(double seconds) const {
         const double share = static_cast<double>(done) / static_cast<double>(m_total);
         const auto cells = static_cast<std::size_t>(share * BAR_CELLS);
         text += fmt::format(" [{:<{}}] {:3.0f} %", std::string(cells, '#'), BAR_CELLS, share * 100);
-        text += fmt::format(", {:.0f} s left", static_cast<double>(m_total - done) / rate);
+        // A total that is only about right may be passed.
+        if (done > 0 && done < m_total) {
+            text +=
+                fmt::format(", {} left", durationText(static_cast<double>(m_total - done) / rate));
+        }
     }
     return m_unit == Unit::FILES ? fmt::format("{}, {} files, {:.0f}/s", text, m_done, rate)
                                  : fmt::format("{}, {}B, {}B/s", text, humanSize(m_done),

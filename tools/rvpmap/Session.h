@@ -24,6 +24,8 @@ ExitStatus runStat(Session& session);
 ExitStatus runExtents(Session& session);
 ExitStatus runExtract(Session& session);
 ExitStatus runCatalog(Session& session);
+ExitStatus runMap(Session& session);
+ExitStatus runOwner(Session& session);
 // Shows what the disks hold; there is no single volume.
 ExitStatus runScan(const Options& options, const Stack& stack);
 

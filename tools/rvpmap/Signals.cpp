@@ -34,6 +34,10 @@ void checkSignals() {
     }
 }
 
+bool signalCame() {
+    return s_signal != 0;
+}
+
 void endBySignal(int signal) {
     std::signal(signal, SIG_DFL);
     std::raise(signal);

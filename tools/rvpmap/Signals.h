@@ -6,6 +6,8 @@
 void noteSignals();
 // Throws Interrupted after one of them; to be called now and then, where all owners clean up.
 void checkSignals();
+// Whether one of them has come, for callers that must not throw.
+bool signalCame();
 // Lets the signal end the process as it would have done.
 [[noreturn]] void endBySignal(int signal);
 

@@ -37,6 +37,13 @@ class Volume {
     void readDataFromDisks() { m_dataFromDisks = true; }
     const kmp_fs& statistics() const { return m_statistics; }
     uint64_t rootIndex() const { return m_rootIndex; }
+    // File slots in use: about as many files as a walk will meet.
+    uint64_t filesInUse() const {
+        const kmp_fs& fs = m_statistics;
+        return fs.fileCount > fs.freeFiles ? fs.fileCount - fs.freeFiles : 0;
+    }
+    // Bytes that the file system says it spans.
+    uint64_t fileSystemBytes() const { return m_statistics.blockCount * m_statistics.blockSize; }
     std::string label();
     std::array<uint8_t, 16> uuid();
 

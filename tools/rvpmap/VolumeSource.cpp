@@ -1,12 +1,11 @@
 #include "VolumeSource.h"
 
+#include "ByteNumber.h"
 #include "DiskImage.h"
 #include "ExitStatus.h"
 #include "Partition.h"
 
-#include <charconv>
 #include <fmt/format.h>
-#include <optional>
 #include <string_view>
 #include <sys/stat.h>
 
@@ -15,31 +14,6 @@ namespace {
 bool exists(const std::string& path) {
     struct stat status = {};
     return ::stat(path.c_str(), &status) == 0;
-}
-
-// The shift of a unit letter; 0 for none.
-unsigned unitShift(char unit) {
-    constexpr std::string_view UNITS = "KMGT";
-    const std::size_t at = UNITS.find(unit);
-    return at == std::string_view::npos ? 0 : 10 * (static_cast<unsigned>(at) + 1);
-}
-
-std::optional<uint64_t> parseOffset(std::string_view text) {
-    const unsigned shift = text.empty() ? 0 : unitShift(text.back());
-    if (shift != 0) {
-        text.remove_suffix(1);
-    }
-    const bool hexadecimal = text.starts_with("0x");
-    if (hexadecimal) {
-        text.remove_prefix(2);
-    }
-    uint64_t value = 0;
-    const char* end = text.data() + text.size();
-    const auto result = std::from_chars(text.data(), end, value, hexadecimal ? 16 : 10);
-    if (result.ec != std::errc() || result.ptr != end || value > (UINT64_MAX >> shift)) {
-        return std::nullopt;
-    }
-    return value << shift;
 }
 
 // What a file holds from an offset on, together with the file.
@@ -67,7 +41,7 @@ class DiskTail : private OwnedDisk, public Partition {
 std::unique_ptr<Layer> openVolumeSource(const std::string& volume) {
     const std::size_t at = volume.rfind('@');
     if (at != std::string::npos && !exists(volume)) {
-        if (const auto offset = parseOffset(std::string_view(volume).substr(at + 1))) {
+        if (const auto offset = parseByteNumber(std::string_view(volume).substr(at + 1))) {
             return std::make_unique<DiskTail>(volume.substr(0, at), *offset);
         }
     }

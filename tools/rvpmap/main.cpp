@@ -50,6 +50,10 @@ ExitStatus dispatch(Session& session) {
         return runExtract(session);
     case Command::CATALOG:
         return runCatalog(session);
+    case Command::MAP:
+        return runMap(session);
+    case Command::OWNER:
+        return runOwner(session);
     case Command::SCAN:
         break; // has no volume
     }

@@ -1,0 +1,47 @@
+"""The progress line: on a terminal, with rate and time left, and nowhere else."""
+import os
+import re
+import subprocess
+import time
+
+from support import TOOL, ToolTest
+
+
+class ProgressLine(ToolTest):
+    def standard_error_on_a_terminal(self, *arguments, slow_reader=False):
+        main, end = os.openpty()
+        with subprocess.Popen([TOOL, *arguments], cwd=self.folder, stderr=end,
+                              stdout=subprocess.PIPE) as tool:
+            os.close(end)
+            if slow_reader:
+                # Long enough for the next line, and more than a pipe holds.
+                self.assertTrue(tool.stdout.read(1))
+                time.sleep(0.4)
+            tool.stdout.read()
+        self.assertEqual(tool.returncode, 0)
+        text = b""
+        while True:
+            try:
+                piece = os.read(main, 65536)
+            except OSError:
+                break
+            if not piece:
+                break
+            text += piece
+        os.close(main)
+        return text.decode()
+
+    def test_rate_and_time_left(self):
+        (self.source / "big").write_bytes(b"b" * 12_000_000)
+        self.image(size="32M")
+        shown = self.standard_error_on_a_terminal("extract", "image", "/big", "-o", "-",
+                                                  slow_reader=True)
+        self.assertRegex(shown, r"extract \[#* *\] +\d+ %, \d+ s left, [\d.]+MB, [\d.]+[KM]B/s")
+        # The line is cleared in the end.
+        self.assertTrue(shown.endswith("\r\033[K"), shown[-40:])
+
+    def test_silence_elsewhere(self):
+        (self.source / "big").write_bytes(b"b" * 1_000_000)
+        self.image()
+        self.assertEqual(self.run_tool("extract", "image", "/big", "-o", "-").stderr, b"")
+        self.assertIsNone(re.search("left", self.message("catalog", "image", status=0)))

@@ -1,0 +1,91 @@
+#include "FileSystemText.h"
+#include "FileVisit.h"
+#include "ResultFile.h"
+#include "Session.h"
+#include "SvgPicture.h"
+#include "Text.h"
+
+#include <nlohmann/json.hpp>
+
+namespace {
+
+// More colours than this nobody can tell apart.
+constexpr std::size_t MOST_PATHS = 32;
+
+std::vector<std::string> shownPaths(Session& session) {
+    if (session.options.paths.size() > MOST_PATHS) {
+        throw ToolError(ExitStatus::USAGE,
+                        fmt::format("no more than {} paths can be coloured", MOST_PATHS));
+    }
+    std::vector<std::string> paths;
+    for (const std::string& path : session.options.paths) {
+        paths.push_back(findFile(session.volume, path).path);
+    }
+    return paths;
+}
+
+PictureHeading headingOf(Session& session) {
+    Volume& volume = session.volume;
+    const kmp_fs& fs = volume.statistics();
+    const std::string label = volume.label();
+    return {volume.name(),
+            fmt::format("{}{} \u00b7 {}B in blocks of {}B \u00b7 {}", fileSystemName(fs.type),
+                        label.empty() ? "" : " \u201c" + toUtf8(label) + "\u201d",
+                        humanSize(volume.fileSystemBytes()), humanSize(fs.blockSize),
+                        uuidText(volume.uuid())),
+            volume.fileSystemBytes(), fs.freeBlocks * fs.blockSize};
+}
+
+void printSummary(Session& session, const VolumePicture& picture, std::size_t failures) {
+    const PictureTotals& totals = picture.totals();
+    nlohmann::ordered_json result;
+    result["volume"] = toUtf8(session.options.volume);
+    result["output"] = toUtf8(session.options.output);
+    result["files"] = totals.files;
+    result["directories"] = totals.directories;
+    result["file_bytes"] = totals.fileBytes;
+    result["directory_bytes"] = totals.directoryBytes;
+    result["fragments"] = totals.fragments;
+    result["fragmented_files"] = totals.fragmentedFiles;
+    result["gaps"] = totals.gaps;
+    result["largest_gap"] = totals.largestGap;
+    result["failed"] = failures;
+    auto& shown = result["shown"] = nlohmann::ordered_json::array();
+    for (const ShownFile& file : picture.shown()) {
+        shown.push_back({{"path", toUtf8(file.path)},
+                         {"files", file.files},
+                         {"bytes", file.bytes},
+                         {"fragments", file.fragments}});
+    }
+    append(session.output.buffer(), result.dump());
+    session.output.buffer().push_back('\n');
+}
+
+void writePicture(Session& session, const TextBuffer& svg) {
+    const std::string& output = session.options.output;
+    if (output == "-") {
+        append(session.output.buffer(), {svg.data(), svg.size()});
+        return;
+    }
+    ResultFile file(output);
+    writeAll(file.descriptor(), svg.data(), svg.size(), printable(output));
+    file.commit();
+}
+
+} // namespace
+
+ExitStatus runMap(Session& session) {
+    const auto map = makePhysicalMap(session);
+    VolumePicture picture(session.volume, *map, shownPaths(session));
+    Failures failures(session.options.volume, Failures::When::AT_ONCE);
+    visitEveryFile(session.volume, "map", failures,
+                   [&](const std::string& path, File& file) { picture.add(path, file); });
+    picture.finish();
+    TextBuffer svg;
+    appendSvg(svg, picture, headingOf(session));
+    writePicture(session, svg);
+    if (session.options.json && session.options.output != "-") {
+        printSummary(session, picture, failures.count());
+    }
+    return failures.count() == 0 ? ExitStatus::DONE : ExitStatus::FAILED;
+}

@@ -1,0 +1,32 @@
+// A file that a command makes under the name that the user gave: it appears whole, or not at all.
+#ifndef RVPMAP_RESULTFILE_H
+#define RVPMAP_RESULTFILE_H
+
+#include "AtomicFile.h"
+#include "UniqueFd.h"
+
+#include <optional>
+#include <string>
+
+class ResultFile {
+  public:
+    // Creates the file under a temporary name in its folder. Throws WriteError, as all operations
+    // do; what stands there already and is no regular file is refused.
+    explicit ResultFile(const std::string& path);
+
+    int descriptor() const { return m_file->descriptor(); }
+    // For libraries that open files by name.
+    std::string temporaryPath() const;
+    // Brings the bytes to the disk and gives the file its name and usual permissions.
+    void commit();
+
+  private:
+    [[noreturn]] void fail(int error) const;
+
+    std::string m_path;
+    std::string m_folder;
+    UniqueFd m_directory;
+    std::optional<AtomicFile> m_file;
+};
+
+#endif
