@@ -42,6 +42,15 @@ std::optional<uint64_t> parseOffset(std::string_view text) {
     return value << shift;
 }
 
+uint64_t sizeBehind(const DiskImage& disk, uint64_t offset) {
+    if (offset > disk.size()) {
+        throw ToolError(ExitStatus::FAILED,
+                        fmt::format("byte {} is past the end of {}, which has {} bytes", offset,
+                                    disk.name(), disk.size()));
+    }
+    return disk.size() - offset;
+}
+
 // What a file holds from an offset on, together with the file.
 struct OwnedDisk {
     DiskImage disk;
@@ -49,17 +58,7 @@ struct OwnedDisk {
 class DiskTail : private OwnedDisk, public Partition {
   public:
     DiskTail(const std::string& path, uint64_t offset)
-        : OwnedDisk{{path, path}}, Partition(path, disk, offset, sizeBehind(offset)) {}
-
-  private:
-    uint64_t sizeBehind(uint64_t offset) const {
-        if (offset > disk.size()) {
-            throw ToolError(ExitStatus::FAILED,
-                            fmt::format("byte {} is past the end of {}, which has {} bytes", offset,
-                                        disk.name(), disk.size()));
-        }
-        return disk.size() - offset;
-    }
+        : OwnedDisk{{path, path}}, Partition(path, disk, offset, sizeBehind(disk, offset)) {}
 };
 
 } // namespace
