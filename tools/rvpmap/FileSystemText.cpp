@@ -22,7 +22,7 @@ const char* fileSystemName(uint64_t type) {
 
 std::string uuidText(const std::array<uint8_t, 16>& uuid) {
     std::string text = toHex({reinterpret_cast<const char*>(uuid.data()), uuid.size()});
-    for (const std::size_t at : {20, 16, 12, 8}) {
+    for (const std::size_t at : {20U, 16U, 12U, 8U}) {
         text.insert(at, 1, '-');
     }
     return text;

@@ -202,9 +202,7 @@ std::string parsableLvmText(const std::string& text) {
         } else if (text[at] == '#') {
             end = std::min(text.find('\n', at), text.size());
         } else if (startsNegative(text, at, before)) {
-            end = std::find_if_not(text.begin() + static_cast<std::ptrdiff_t>(end), text.end(),
-                                   isDigit) -
-                  text.begin();
+            end = std::min(text.find_first_not_of("0123456789", end), text.size());
             result.append(1, '"').append(text, at, end - at).append(1, '"');
         } else {
             result.push_back(text[at]);

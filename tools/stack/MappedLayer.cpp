@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <fmt/format.h>
-#include <functional>
+#include <memory>
 
 namespace {
 
@@ -17,13 +17,30 @@ bool continues(const LayerRun& last, const LayerRun& next) {
                       });
 }
 
+// In words, which compilers do not make of bytes.
+void xorInto(char* buffer, const char* other, std::size_t length) {
+    std::size_t at = 0;
+    for (; at + sizeof(uint64_t) <= length; at += sizeof(uint64_t)) {
+        uint64_t a = 0;
+        uint64_t b = 0;
+        std::memcpy(&a, buffer + at, sizeof a);
+        std::memcpy(&b, other + at, sizeof b);
+        a ^= b;
+        std::memcpy(buffer + at, &a, sizeof a);
+    }
+    for (; at < length; ++at) {
+        buffer[at] = static_cast<char>(buffer[at] ^ other[at]);
+    }
+}
+
 void readXor(const LayerRun& run, char* buffer) {
     const auto length = static_cast<std::size_t>(run.length);
-    std::vector<char> other(length);
-    std::memset(buffer, 0, length);
-    for (const LayerPlace& place : run.places) {
-        place.layer->read(place.offset, length, other.data());
-        std::transform(buffer, buffer + length, other.data(), buffer, std::bit_xor<>());
+    const auto other = std::make_unique_for_overwrite<char[]>(length);
+    const LayerPlace& first = run.places.front();
+    first.layer->read(first.offset, length, buffer);
+    for (std::size_t i = 1; i < run.places.size(); ++i) {
+        run.places[i].layer->read(run.places[i].offset, length, other.get());
+        xorInto(buffer, other.get(), length);
     }
 }
 

@@ -4,8 +4,8 @@ _rvpmap() {
     local cur prev words cword
     _init_completion || return
 
-    local commands='claim info ls stat extents extract catalog'
-    local options='--help --version --log-level --trace --color --root'
+    local commands='claim info ls stat extents extract catalog scan'
+    local options='--disk --help --version --log-level --trace --color --root'
     local command='' word
     for word in "${words[@]:1:cword-1}"; do
         if [[ " $commands " == *" $word "* ]]; then
@@ -19,13 +19,14 @@ _rvpmap() {
         --color) COMPREPLY=($(compgen -W 'auto always never' -- "$cur")); return ;;
         --format) COMPREPLY=($(compgen -W 'table csv ndjson' -- "$cur")); return ;;
         --root) _filedir -d; return ;;
-        -o|--output) _filedir; return ;;
+        -o|--output|-d|--disk) _filedir; return ;;
     esac
 
     case $command in
         '') options="$commands $options" ;;
         ls) options="--json --long --recursive --unsorted $options" ;;
-        extract) options="--json --output --recursive --owner $options" ;;
+        extents) options="--json --physical $options" ;;
+        extract) options="--json --physical --output --recursive --owner $options" ;;
         catalog) options="--json --format --extents $options" ;;
         *) options="--json $options" ;;
     esac

@@ -1,6 +1,6 @@
 # fish completion for rvpmap
 
-set -l commands claim info ls stat extents extract catalog
+set -l commands claim info ls stat extents extract catalog scan
 set -l none "not __fish_seen_subcommand_from $commands"
 
 complete -c rvpmap -n $none -f -a claim -d 'Ask whether a file system is recognised'
@@ -11,14 +11,18 @@ complete -c rvpmap -n $none -f -a extents -d 'Show which byte runs hold a file'
 complete -c rvpmap -n $none -f -a extract -d 'Copy a file or a tree out of the volume'
 complete -c rvpmap -n $none -f -a catalog -d 'List every file with all its attributes'
 
+complete -c rvpmap -n $none -f -a scan -d 'Show what disks hold'
+
 complete -c rvpmap -s h -l help -d 'Print help'
 complete -c rvpmap -s V -l version -d 'Print the version'
 complete -c rvpmap -l log-level -x -a 'error warning info debug' -d 'Show log lines up to this level'
 complete -c rvpmap -l trace -d 'Show all log lines and calls'
 complete -c rvpmap -l color -x -a 'auto always never' -d 'When to use colours'
+complete -c rvpmap -s d -l disk -r -d 'Disk on which the volume lies'
 complete -c rvpmap -l root -r -d 'Folder that holds lib/libdorado.so'
 
 complete -c rvpmap -n "__fish_seen_subcommand_from $commands" -l json -d 'Print JSON'
+complete -c rvpmap -n '__fish_seen_subcommand_from extents extract' -l physical -d 'Down to the disks'
 complete -c rvpmap -n '__fish_seen_subcommand_from ls' -s l -l long -d 'Show attributes'
 complete -c rvpmap -n '__fish_seen_subcommand_from ls' -s R -l recursive -d 'List everything below'
 complete -c rvpmap -n '__fish_seen_subcommand_from ls' -s U -l unsorted -d 'Keep the directory\'s order'
