@@ -75,8 +75,8 @@ void writePicture(Session& session, const TextBuffer& svg) {
 } // namespace
 
 ExitStatus runMap(Session& session) {
-    const auto map = makePhysicalMap(session);
-    VolumePicture picture(session.volume, *map, shownPaths(session));
+    const PhysicalMap map = makePhysicalMap(session);
+    VolumePicture picture(session.volume, map, shownPaths(session));
     Failures failures(session.options.volume, Failures::When::AT_ONCE);
     visitEveryFile(session.volume, "map", failures,
                    [&](const std::string& path, File& file) { picture.add(path, file); });

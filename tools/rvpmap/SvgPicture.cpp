@@ -220,6 +220,9 @@ class Drawing {
 
     void drawDisk(std::size_t disk) {
         const PhysicalDisk& shown = m_picture.disks()[disk];
+        if (!holdsVolume(m_picture.cells(disk))) {
+            return;
+        }
         if (m_picture.disks().size() > 1) {
             text(
                 GRID_LEFT, m_y + 6, "plain",
@@ -233,6 +236,11 @@ class Drawing {
         drawBase(cells);
         drawShown(cells);
         m_y += static_cast<unsigned>(rows) * ROW_PITCH + 28;
+    }
+
+    static bool holdsVolume(const std::vector<PictureCell>& cells) {
+        return std::any_of(cells.begin(), cells.end(),
+                           [](const PictureCell& cell) { return cell.volume != 0; });
     }
 
     void drawOffsets(std::size_t rows) {
