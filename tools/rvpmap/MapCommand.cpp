@@ -29,11 +29,12 @@ PictureHeading headingOf(Session& session) {
     const kmp_fs& fs = volume.statistics();
     const std::string label = volume.label();
     return {volume.name(),
-            fmt::format("{}{} \u00b7 {}B in blocks of {}B \u00b7 {}", fileSystemName(fs.type),
-                        label.empty() ? "" : " \u201c" + toUtf8(label) + "\u201d",
-                        humanSize(volume.fileSystemBytes()), humanSize(fs.blockSize),
-                        uuidText(volume.uuid())),
-            volume.fileSystemBytes(), fs.freeBlocks * fs.blockSize};
+            fileSystemName(fs.type) +
+                (label.empty() ? "" : fmt::format(" \u201c{}\u201d", toUtf8(label))),
+            uuidText(volume.uuid()),
+            fs.blockSize,
+            volume.fileSystemBytes(),
+            fs.freeBlocks * fs.blockSize};
 }
 
 void printSummary(Session& session, const VolumePicture& picture, std::size_t failures) {
@@ -75,8 +76,8 @@ void writePicture(Session& session, const TextBuffer& svg) {
 } // namespace
 
 ExitStatus runMap(Session& session) {
-    const auto map = makePhysicalMap(session);
-    VolumePicture picture(session.volume, *map, shownPaths(session));
+    const PhysicalMap map = makePhysicalMap(session);
+    VolumePicture picture(session.volume, map, shownPaths(session));
     Failures failures(session.options.volume, Failures::When::AT_ONCE);
     visitEveryFile(session.volume, "map", failures,
                    [&](const std::string& path, File& file) { picture.add(path, file); });

@@ -2,13 +2,15 @@
 #ifndef RVPMAP_PHYSICALMAP_H
 #define RVPMAP_PHYSICALMAP_H
 
+#include "Layer.h"
+
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <vector>
 
 struct Session;
+class Stack;
 
 // Bytes that lie together on one disk.
 struct PhysicalRun {
@@ -21,22 +23,49 @@ struct PhysicalRun {
 };
 
 struct PhysicalDisk {
+    const Layer* layer;
     std::string name;
     uint64_t size; // bytes
 };
 
 class PhysicalMap {
   public:
-    virtual ~PhysicalMap() = default;
-    virtual const std::vector<PhysicalDisk>& disks() const = 0;
+    // `stack` is null for a volume that was not found on a stack. Both must outlive the map.
+    PhysicalMap(const Layer& volume, const Stack* stack);
+
+    // All disks of the stack, or the one that the volume lies on.
+    const std::vector<PhysicalDisk>& disks() const { return m_disks; }
     // Appends the runs of a range of the volume, in the volume's order. What lies on no disk has
     // no run. Throws ToolError for a range that cannot be mapped.
-    virtual void append(uint64_t offset, uint64_t length, std::vector<PhysicalRun>& runs) const = 0;
+    void append(uint64_t offset, uint64_t length, std::vector<PhysicalRun>& runs) const;
+    // The same for long ranges: calls `action(run)` without keeping all runs at once.
+    template <typename Action>
+    void forEachRun(uint64_t offset, uint64_t length, Action action) const {
+        std::vector<PhysicalRun> runs;
+        for (uint64_t done = 0; done < length;) {
+            const uint64_t piece = length - done < PIECE_BYTES ? length - done : PIECE_BYTES;
+            runs.clear();
+            append(offset + done, piece, runs);
+            for (const PhysicalRun& run : runs) {
+                action(run);
+            }
+            done += piece;
+        }
+    }
     // Whether volume and disk are the same thing.
-    virtual bool isIdentity() const = 0;
+    bool isIdentity() const { return m_identity; }
+
+  private:
+    // An array answers with a run for every chunk.
+    static constexpr uint64_t PIECE_BYTES = uint64_t{256} << 20;
+
+    std::size_t indexOf(const Layer* disk) const;
+
+    const Layer& m_volume;
+    bool m_identity;
+    std::vector<PhysicalDisk> m_disks;
 };
 
-// For the session's volume, which must outlive the map.
-std::unique_ptr<PhysicalMap> makePhysicalMap(const Session& session);
+PhysicalMap makePhysicalMap(const Session& session);
 
 #endif

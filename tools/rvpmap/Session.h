@@ -8,12 +8,14 @@
 #include "Volume.h"
 
 class Stack;
+struct StackNode;
 
 struct Session {
     const Options& options;
     Volume& volume; // opened, except for `claim`
     Output output;  // main flushes it
     Table table;
+    const Stack* stack; // null where no disks were given
 };
 
 // Each prints its result and throws ToolError when it cannot go on.
@@ -26,6 +28,9 @@ ExitStatus runExtract(Session& session);
 ExitStatus runCatalog(Session& session);
 ExitStatus runMap(Session& session);
 ExitStatus runOwner(Session& session);
+// Tells the owners of bytes of a disk, through all volumes above it.
+ExitStatus runDiskOwner(const Options& options, const Stack& stack, const StackNode& disk,
+                        const Table& table);
 // Shows what the disks hold; there is no single volume.
 ExitStatus runScan(const Options& options, const Stack& stack);
 

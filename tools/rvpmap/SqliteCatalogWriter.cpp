@@ -62,7 +62,7 @@ class SqliteCatalogWriter : public CatalogWriter {
         : m_session(session), m_result(session.options.output),
           m_database(m_result.temporaryPath(), session.options.output, signalCame),
           m_map(makePhysicalMap(session)) {
-        for (const PhysicalDisk& disk : m_map->disks()) {
+        for (const PhysicalDisk& disk : m_map.disks()) {
             m_diskNames.push_back(toUtf8(disk.name));
         }
     }
@@ -113,7 +113,7 @@ class SqliteCatalogWriter : public CatalogWriter {
     // A long statement ends with a failure after a signal, which is then the real reason.
     void finishTables() {
         try {
-            if (m_map->isIdentity()) {
+            if (m_map.isIdentity()) {
                 copyExtentsAsDiskRuns();
             }
             m_database.execute(INDICES);
@@ -204,7 +204,7 @@ class SqliteCatalogWriter : public CatalogWriter {
             row.put(bit(run.flags, flag));
         }
         row.run();
-        if (!m_map->isIdentity()) {
+        if (!m_map.isIdentity()) {
             insertDiskRuns(run);
         }
     }
@@ -219,7 +219,7 @@ class SqliteCatalogWriter : public CatalogWriter {
 
     void insertDiskRuns(const Run& run) {
         m_runs.clear();
-        m_map->append(run.physical, run.length, m_runs);
+        m_map.append(run.physical, run.length, m_runs);
         SqliteStatement& row = m_statements->diskRun;
         for (const PhysicalRun& piece : m_runs) {
             row.put(m_extent);
@@ -235,7 +235,7 @@ class SqliteCatalogWriter : public CatalogWriter {
     Session& m_session;
     ResultFile m_result;
     SqliteDatabase m_database;
-    std::unique_ptr<PhysicalMap> m_map;
+    PhysicalMap m_map;
     std::vector<std::string> m_diskNames;
     std::optional<Statements> m_statements;
     IndexSet m_linked;

@@ -30,7 +30,7 @@ constexpr const char* STYLE =
     ".title{font-size:22px;font-weight:600}.quiet{fill:#66717f}.offset{font-size:11px;fill:#66717f;"
     "text-anchor:end}.number{text-anchor:end}";
 constexpr const char* BACKGROUND = "#fafaf8";
-constexpr const char* ELSEWHERE = "#f0efe9"; // of the disk, but not of the volume
+constexpr const char* ELSEWHERE = "#efe9d8"; // of the disk, but not of the volume
 constexpr const char* EMPTY = "#e2e5e9";     // in no file
 constexpr const char* METADATA = "#b3a68a";
 constexpr const char* DIRECTORY = "#8a6bb8";
@@ -87,8 +87,8 @@ std::string bytesText(uint64_t bytes) {
     return fmt::format("{} {}iB", text, unit);
 }
 
-// Row offsets are round numbers nearly always.
-std::string offsetText(uint64_t offset) {
+// For sizes and offsets that are round numbers nearly always.
+std::string roundText(uint64_t offset) {
     std::string text = bytesText(offset);
     const std::size_t zero = text.find(".0 ");
     return offset == 0 ? "0" : zero == std::string::npos ? text : text.erase(zero, 2);
@@ -172,7 +172,10 @@ class Drawing {
     void drawHeading() {
         const PictureTotals& totals = m_picture.totals();
         text(MARGIN, 48, "title", xmlText(shortened(m_heading.title)));
-        text(MARGIN, 72, "quiet", xmlText(m_heading.subtitle));
+        text(MARGIN, 72, "quiet",
+             fmt::format("{} \u00b7 {} in blocks of {} \u00b7 {}", xmlText(m_heading.fileSystem),
+                         roundText(m_heading.volumeBytes), roundText(m_heading.blockSize),
+                         m_heading.uuid));
         const double mean = totals.mappedFiles == 0 ? 0
                                                     : static_cast<double>(totals.fragments) /
                                                           static_cast<double>(totals.mappedFiles);
@@ -220,6 +223,9 @@ class Drawing {
 
     void drawDisk(std::size_t disk) {
         const PhysicalDisk& shown = m_picture.disks()[disk];
+        if (!holdsVolume(m_picture.cells(disk))) {
+            return;
+        }
         if (m_picture.disks().size() > 1) {
             text(
                 GRID_LEFT, m_y + 6, "plain",
@@ -235,10 +241,15 @@ class Drawing {
         m_y += static_cast<unsigned>(rows) * ROW_PITCH + 28;
     }
 
+    static bool holdsVolume(const std::vector<PictureCell>& cells) {
+        return std::any_of(cells.begin(), cells.end(),
+                           [](const PictureCell& cell) { return cell.volume != 0; });
+    }
+
     void drawOffsets(std::size_t rows) {
         for (std::size_t row = 0; row < rows; row += LABEL_ROWS) {
             text(GRID_LEFT - 10, rowTop(row) + ROW_HEIGHT, "offset",
-                 offsetText(row * VolumePicture::COLUMNS * m_picture.cellBytes()));
+                 roundText(row * VolumePicture::COLUMNS * m_picture.cellBytes()));
         }
     }
 
@@ -354,8 +365,8 @@ class Drawing {
         }
         text(GRID_LEFT + GRID_WIDTH, m_y + 11, "number quiet",
              fmt::format("a row is {}, a cell {}",
-                         offsetText(VolumePicture::COLUMNS * m_picture.cellBytes()),
-                         offsetText(m_picture.cellBytes())));
+                         roundText(VolumePicture::COLUMNS * m_picture.cellBytes()),
+                         roundText(m_picture.cellBytes())));
         m_y += LEGEND_PITCH + 8;
     }
 

@@ -10,7 +10,9 @@
 // The lines above the picture; the text of the user's volume is escaped here.
 struct PictureHeading {
     std::string title;
-    std::string subtitle;
+    std::string fileSystem; // its kind and name
+    std::string uuid;
+    uint64_t blockSize;
     uint64_t volumeBytes;
     uint64_t freeBytes; // as the file system counts them
 };

@@ -9,7 +9,6 @@
 namespace {
 
 constexpr int FIRST_ERRNO_CODE = 4096;
-constexpr uint64_t AREA_PIECE = uint64_t{256} << 20;
 
 bool hasSeveralPaths(const File& file) {
     return file.typeBits() != S_IFDIR && file.attributes().linkCount > 1;
@@ -17,7 +16,7 @@ bool hasSeveralPaths(const File& file) {
 
 // A volume that is cut short has fewer than it says.
 uint64_t presentBlocks(const Volume& volume, uint64_t blockSize) {
-    const uint64_t held = volume.source().size() / blockSize + 1;
+    const uint64_t held = volume.source().size() / blockSize;
     return std::min(volume.statistics().blockCount, held);
 }
 
@@ -62,13 +61,9 @@ void VolumePicture::layOutCells() {
     }
 }
 
-// Asked in pieces, as an array answers with a run for every chunk.
 void VolumePicture::addVolumeArea() {
-    const uint64_t bytes = m_blocks * m_blockSize;
-    for (uint64_t offset = 0; offset < bytes; offset += AREA_PIECE) {
-        forEachCell(offset, std::min(AREA_PIECE, bytes - offset),
-                    [](PictureCell& cell, uint64_t length) { cell.volume += length; });
-    }
+    forEachCell(0, m_blocks * m_blockSize,
+                [](PictureCell& cell, uint64_t length) { cell.volume += length; });
 }
 
 void VolumePicture::add(const std::string& path, File& file) {
@@ -157,11 +152,9 @@ void VolumePicture::colour(uint64_t offset, uint64_t length, int shown) {
 
 template <typename Action>
 void VolumePicture::forEachCell(uint64_t offset, uint64_t length, Action action) {
-    m_runs.clear();
-    m_map.append(offset, length, m_runs);
-    for (const PhysicalRun& run : m_runs) {
+    m_map.forEachRun(offset, length, [&](const PhysicalRun& run) {
         if (run.rebuilt) {
-            continue;
+            return;
         }
         std::vector<PictureCell>& cells = m_cells[run.disk];
         const uint64_t end = std::min(run.offset + run.length, cells.size() * m_cellBytes);
@@ -170,7 +163,7 @@ void VolumePicture::forEachCell(uint64_t offset, uint64_t length, Action action)
             action(cells[at / m_cellBytes], next - at);
             at = next;
         }
-    }
+    });
 }
 
 void VolumePicture::account(const File& file, int shown, const Measure& measure, bool anew) {

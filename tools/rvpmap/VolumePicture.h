@@ -92,7 +92,6 @@ class VolumePicture {
     RvpBitmap m_used; // a bit for each block
     IndexSet m_linked;
     std::vector<IndexSet> m_shownLinked;
-    std::vector<PhysicalRun> m_runs;
 };
 
 #endif

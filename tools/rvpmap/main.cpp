@@ -72,7 +72,7 @@ ExitStatus runAndFlush(Session& session) {
     }
 }
 
-ExitStatus runOnVolume(const Options& options, const Layer& source) {
+ExitStatus runOnVolume(const Options& options, const Layer& source, const Stack* stack) {
     const Provider provider(options.root);
     Volume volume(provider, source, options.volume);
     if (options.physical) {
@@ -82,19 +82,28 @@ ExitStatus runOnVolume(const Options& options, const Layer& source) {
         volume.open();
         warnOfState(volume);
     }
-    Session session{options, volume, {}, Table(wantsColours(options.colour))};
+    Session session{options, volume, {}, Table(wantsColours(options.colour)), stack};
     return runAndFlush(session);
+}
+
+ExitStatus runOnStack(const Options& options, const Stack& stack) {
+    if (options.command == Command::SCAN) {
+        return runScan(options, stack);
+    }
+    const StackNode* node = stack.find(options.volume);
+    if (options.command == Command::OWNER && node != nullptr && node->parents.empty()) {
+        return runDiskOwner(options, stack, *node, Table(wantsColours(options.colour)));
+    }
+    return runOnVolume(options, findVolume(stack, options.volume), &stack);
 }
 
 ExitStatus run(const Options& options) {
     if (options.disks.empty()) {
-        return runOnVolume(options, *openVolumeSource(options.volume));
+        return runOnVolume(options, *openVolumeSource(options.volume), nullptr);
     }
     Stack stack(options.disks);
     stack.discover();
-    return options.command == Command::SCAN
-               ? runScan(options, stack)
-               : runOnVolume(options, findVolume(stack, options.volume));
+    return runOnStack(options, stack);
 }
 
 // What messages are about where no file is named.

@@ -1,6 +1,6 @@
 # fish completion for rvpmap
 
-set -l commands claim info ls stat extents extract catalog scan
+set -l commands claim info ls stat extents extract catalog map owner scan
 set -l none "not __fish_seen_subcommand_from $commands"
 
 complete -c rvpmap -n $none -f -a claim -d 'Ask whether a file system is recognised'
@@ -10,6 +10,8 @@ complete -c rvpmap -n $none -f -a stat -d 'Show the attributes of one file'
 complete -c rvpmap -n $none -f -a extents -d 'Show which byte runs hold a file'
 complete -c rvpmap -n $none -f -a extract -d 'Copy a file or a tree out of the volume'
 complete -c rvpmap -n $none -f -a catalog -d 'List every file with all its attributes'
+complete -c rvpmap -n $none -f -a map -d 'Draw where the files lie'
+complete -c rvpmap -n $none -f -a owner -d 'Tell which files own byte ranges'
 
 complete -c rvpmap -n $none -f -a scan -d 'Show what disks hold'
 
@@ -29,5 +31,8 @@ complete -c rvpmap -n '__fish_seen_subcommand_from ls' -s U -l unsorted -d 'Keep
 complete -c rvpmap -n '__fish_seen_subcommand_from extract' -s o -l output -r -d 'Where to write'
 complete -c rvpmap -n '__fish_seen_subcommand_from extract' -s r -l recursive -d 'Restore a tree'
 complete -c rvpmap -n '__fish_seen_subcommand_from extract' -l owner -d 'Restore owners'
-complete -c rvpmap -n '__fish_seen_subcommand_from catalog' -l format -x -a 'table csv ndjson' -d 'Output format'
+complete -c rvpmap -n '__fish_seen_subcommand_from catalog' -l format -x -a 'table csv ndjson sqlite' -d 'Output format'
 complete -c rvpmap -n '__fish_seen_subcommand_from catalog' -l extents -d 'Add the extents'
+complete -c rvpmap -n '__fish_seen_subcommand_from catalog' -s o -l output -r -d 'Database to write'
+complete -c rvpmap -n '__fish_seen_subcommand_from map' -s o -l output -r -d 'Picture to write'
+complete -c rvpmap -n '__fish_seen_subcommand_from owner' -l ddrescue -r -d 'Map file of bad areas'
