@@ -104,8 +104,8 @@ class Disks(ToolTest):
                       "-o", "c.db")
         database = sqlite3.connect(self.folder / "c.db")
         self.addCleanup(database.close)
-        rows = database.execute("SELECT disk, offset, disk_run.length, path, disk_run.logical FROM "
-                                "disk_run JOIN extent ON extent.id = extent JOIN file "
+        rows = database.execute("SELECT name, offset, disk_run.length, path, disk_run.logical FROM "
+                                "disk_run JOIN disk ON disk.id = disk JOIN extent ON extent.id = extent JOIN file "
                                 "USING (file_index)").fetchall()
         self.assertEqual(set(rows), set(self.physical_runs()))
 

@@ -62,7 +62,7 @@ class SqliteCatalogue(ToolTest):
             self.assertEqual(extents, file["extents"])
         paths = database.execute(
             "SELECT path FROM disk_run JOIN extent ON extent.id = disk_run.extent JOIN file USING "
-            "(file_index) WHERE disk = 'image' AND disk_run.offset = extent.physical AND "
+            "(file_index) JOIN disk ON disk.id = disk WHERE disk.name = 'image' AND disk_run.offset = extent.physical AND "
             "disk_run.length = extent.length AND path LIKE '%d/hard' OR path = '/file9' GROUP BY path")
         self.assertEqual({row[0] for row in paths}, {"/file9", "/d/hard"})
         # Hard links share one set of runs.
@@ -82,7 +82,7 @@ class SqliteCatalogue(ToolTest):
                           volume["block_count"], volume["root_index"], volume["failures"]),
                          (info["name"], info["uuid"], "ext4", info["block_count"], 2, 0))
         for query in ("SELECT * FROM extent WHERE physical BETWEEN 5 AND 9",
-                      "SELECT * FROM disk_run WHERE disk = 'image' AND offset BETWEEN 5 AND 9"):
+                      "SELECT * FROM disk_run WHERE disk = 1 AND offset BETWEEN 5 AND 9"):
             plan = database.execute("EXPLAIN QUERY PLAN " + query).fetchone()["detail"]
             self.assertIn("USING INDEX", plan)
         plain = self.write(name="plain.db")

@@ -32,9 +32,10 @@ CREATE TABLE file (
 CREATE TABLE extent (
     id INTEGER PRIMARY KEY, file_index INTEGER, logical INTEGER, physical INTEGER,
     length INTEGER, unwritten INTEGER, inline INTEGER, encoded INTEGER, last INTEGER);
+CREATE TABLE disk (id INTEGER PRIMARY KEY, name TEXT, size INTEGER);
 CREATE TABLE disk_run (
-    extent INTEGER REFERENCES extent (id), logical INTEGER, disk TEXT, offset INTEGER,
-    length INTEGER, rebuilt INTEGER);
+    extent INTEGER REFERENCES extent (id), logical INTEGER, disk INTEGER REFERENCES disk (id),
+    offset INTEGER, length INTEGER, rebuilt INTEGER);
 )sql";
 
 // Made when the rows are there: sorting once is cheaper than keeping order all the time.
@@ -46,12 +47,6 @@ CREATE INDEX disk_run_by_offset ON disk_run (disk, offset);
 COMMIT;
 )sql";
 
-constexpr const char* INSERT_VOLUME = "INSERT INTO volume VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?)";
-constexpr const char* INSERT_FILE =
-    "INSERT INTO file VALUES (NULL,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)";
-constexpr const char* INSERT_EXTENT = "INSERT INTO extent VALUES (?,?,?,?,?,?,?,?,?)";
-constexpr const char* INSERT_DISK_RUN = "INSERT INTO disk_run VALUES (?,?,?,?,?,?)";
-
 uint64_t bit(uint64_t word, uint64_t mask) {
     return (word & mask) != 0 ? 1 : 0;
 }
@@ -61,15 +56,12 @@ class SqliteCatalogWriter : public CatalogWriter {
     explicit SqliteCatalogWriter(Session& session)
         : m_session(session), m_result(session.options.output),
           m_database(m_result.temporaryPath(), session.options.output, signalCame),
-          m_map(makePhysicalMap(session)) {
-        for (const PhysicalDisk& disk : m_map.disks()) {
-            m_diskNames.push_back(toUtf8(disk.name));
-        }
-    }
+          m_map(makePhysicalMap(session)) {}
 
     void begin() override {
         m_database.execute(TABLES);
-        m_statements.emplace(m_database);
+        m_tables.emplace(m_database);
+        insertDisks();
     }
 
     void beginFile(const std::string& path, const File& file,
@@ -92,7 +84,8 @@ class SqliteCatalogWriter : public CatalogWriter {
 
     void end(std::size_t failures) override {
         insertVolume(failures);
-        m_statements.reset();
+        m_tables->flush();
+        m_tables.reset();
         finishTables();
         m_database.close();
         checkSignals();
@@ -100,14 +93,21 @@ class SqliteCatalogWriter : public CatalogWriter {
     }
 
   private:
-    struct Statements {
-        explicit Statements(SqliteDatabase& database)
-            : volume(database, INSERT_VOLUME), file(database, INSERT_FILE),
-              extent(database, INSERT_EXTENT), diskRun(database, INSERT_DISK_RUN) {}
-        SqliteStatement volume;
-        SqliteStatement file;
-        SqliteStatement extent;
-        SqliteStatement diskRun;
+    struct Tables {
+        explicit Tables(SqliteDatabase& database)
+            : volume(database, "volume", 14), file(database, "file", 21),
+              extent(database, "extent", 9), disk(database, "disk", 3),
+              diskRun(database, "disk_run", 6) {}
+        void flush() {
+            for (SqliteInserter* table : {&volume, &file, &extent, &disk, &diskRun}) {
+                table->flush();
+            }
+        }
+        SqliteInserter volume;
+        SqliteInserter file;
+        SqliteInserter extent;
+        SqliteInserter disk;
+        SqliteInserter diskRun;
     };
 
     // A long statement ends with a failure after a signal, which is then the real reason.
@@ -123,13 +123,24 @@ class SqliteCatalogWriter : public CatalogWriter {
         }
     }
 
+    void insertDisks() {
+        SqliteInserter& row = m_tables->disk;
+        uint64_t number = 0;
+        for (const PhysicalDisk& disk : m_map.disks()) {
+            row.put(++number);
+            row.put(std::string_view(toUtf8(disk.name)));
+            row.put(disk.size);
+            row.endRow();
+        }
+    }
+
     void insertVolume(std::size_t failures) {
         Volume& volume = m_session.volume;
         const kmp_fs& fs = volume.statistics();
         const std::string name = toUtf8(m_session.options.volume);
         const std::string label = toUtf8(volume.label());
         const std::string uuid = uuidText(volume.uuid());
-        SqliteStatement& row = m_statements->volume;
+        SqliteInserter& row = m_tables->volume;
         row.put(name);
         row.put(label);
         row.put(uuid);
@@ -141,14 +152,15 @@ class SqliteCatalogWriter : public CatalogWriter {
               uint64_t{failures}}) {
             row.put(value);
         }
-        row.run();
+        row.endRow();
     }
 
     void insertFile(const std::string& path, const File& file,
                     const std::optional<std::string>& target) {
         const kmp_file& attributes = file.attributes();
-        SqliteStatement& row = m_statements->file;
-        putName(row, path, m_path);
+        SqliteInserter& row = m_tables->file;
+        row.put(++m_row);
+        putName(row, path);
         row.put(file.index());
         row.put(typeName(file.typeBits()));
         for (const uint64_t value :
@@ -166,34 +178,33 @@ class SqliteCatalogWriter : public CatalogWriter {
             row.putNull();
         }
         if (target) {
-            putName(row, *target, m_target);
+            putName(row, *target);
         } else {
             row.putNull();
             row.putNull();
         }
-        row.run();
+        row.endRow();
     }
 
-    // As text, and where that is not exact, as bytes. `kept` holds a text that had to be made.
-    static void putName(SqliteStatement& row, const std::string& name, std::string& kept) {
+    // As text, and where that is not exact, as bytes.
+    static void putName(SqliteInserter& row, const std::string& name) {
         if (isUtf8(name)) {
             row.put(std::string_view(name));
             row.putNull();
         } else {
-            kept = toUtf8(name);
-            row.put(std::string_view(kept));
+            row.put(std::string_view(toUtf8(name)));
             row.putBytes(name);
         }
     }
 
-    static void putTime(SqliteStatement& row, const km_time& time) {
+    static void putTime(SqliteInserter& row, const km_time& time) {
         const timespec value = toTimespec(time);
         row.putSigned(value.tv_sec);
         row.putSigned(value.tv_nsec);
     }
 
     void insertExtent(const Run& run) {
-        SqliteStatement& row = m_statements->extent;
+        SqliteInserter& row = m_tables->extent;
         row.put(++m_extent);
         row.put(m_fileIndex);
         row.put(run.logical);
@@ -203,7 +214,7 @@ class SqliteCatalogWriter : public CatalogWriter {
              {FSO_EXTENT_UNWRITTEN, FSO_EXTENT_INLINE, FSO_EXTENT_ENCODED, FSO_EXTENT_LAST}) {
             row.put(bit(run.flags, flag));
         }
-        row.run();
+        row.endRow();
         if (!m_map.isIdentity()) {
             insertDiskRuns(run);
         }
@@ -211,24 +222,22 @@ class SqliteCatalogWriter : public CatalogWriter {
 
     // Where volume and disk are the same, all at once is much faster than run by run.
     void copyExtentsAsDiskRuns() {
-        SqliteStatement rows(m_database, "INSERT INTO disk_run "
-                                         "SELECT id,logical,?,physical,length,0 FROM extent");
-        rows.put(std::string_view(m_diskNames.front()));
-        rows.run();
+        m_database.execute(
+            "INSERT INTO disk_run SELECT id,logical,1,physical,length,0 FROM extent");
     }
 
     void insertDiskRuns(const Run& run) {
         m_runs.clear();
         m_map.append(run.physical, run.length, m_runs);
-        SqliteStatement& row = m_statements->diskRun;
+        SqliteInserter& row = m_tables->diskRun;
         for (const PhysicalRun& piece : m_runs) {
             row.put(m_extent);
             row.put(run.logical + (piece.logical - run.physical));
-            row.put(std::string_view(m_diskNames[piece.disk]));
+            row.put(uint64_t{piece.disk + 1});
             row.put(piece.offset);
             row.put(piece.length);
             row.put(uint64_t{piece.rebuilt});
-            row.run();
+            row.endRow();
         }
     }
 
@@ -236,15 +245,13 @@ class SqliteCatalogWriter : public CatalogWriter {
     ResultFile m_result;
     SqliteDatabase m_database;
     PhysicalMap m_map;
-    std::vector<std::string> m_diskNames;
-    std::optional<Statements> m_statements;
+    std::optional<Tables> m_tables;
     IndexSet m_linked;
+    uint64_t m_row = 0;
     uint64_t m_fileIndex = 0;
     bool m_extentsWanted = true;
     uint64_t m_extent = 0;
     std::vector<PhysicalRun> m_runs;
-    std::string m_path;
-    std::string m_target;
 };
 
 } // namespace

@@ -44,8 +44,8 @@ SqliteDatabase::SqliteDatabase(const std::string& path, const std::string& shown
     execute(SETTINGS);
 }
 
-void SqliteDatabase::execute(const char* sql) {
-    check(sqlite3_exec(m_database.get(), sql, nullptr, nullptr, nullptr));
+void SqliteDatabase::execute(const std::string& sql) {
+    check(sqlite3_exec(m_database.get(), sql.c_str(), nullptr, nullptr, nullptr));
 }
 
 void SqliteDatabase::close() {
@@ -65,29 +65,57 @@ void SqliteDatabase::check(int code) const {
                     database != nullptr ? sqlite3_errmsg(database) : sqlite3_errstr(code), cause));
 }
 
-SqliteStatement::SqliteStatement(SqliteDatabase& database, const char* sql) : m_database(database) {
-    sqlite3_stmt* statement = nullptr;
-    const int code = sqlite3_prepare_v3(database.m_database.get(), sql, -1,
-                                        SQLITE_PREPARE_PERSISTENT, &statement, nullptr);
-    m_statement.reset(statement);
-    bound(code);
-}
+SqliteInserter::SqliteInserter(SqliteDatabase& database, const std::string& table,
+                               std::size_t columns)
+    : m_database(database), m_table(table), m_columns(columns), m_wholeBatch(prepare(BATCH_ROWS)),
+      m_values(BATCH_ROWS * columns) {}
 
-void SqliteStatement::put(std::string_view text) {
-    bound(sqlite3_bind_text64(m_statement.get(), ++m_filled, text.data(), text.size(),
-                              SQLITE_STATIC, SQLITE_UTF8));
-}
-
-void SqliteStatement::putBytes(std::string_view bytes) {
-    bound(sqlite3_bind_blob64(m_statement.get(), ++m_filled, bytes.data(), bytes.size(),
-                              SQLITE_STATIC));
-}
-
-void SqliteStatement::run() {
-    const int code = sqlite3_step(m_statement.get());
-    if (code != SQLITE_DONE) {
-        bound(code);
+SqliteInserter::Statement SqliteInserter::prepare(std::size_t rows) const {
+    std::string row = "(?";
+    for (std::size_t i = 1; i < m_columns; ++i) {
+        row += ",?";
     }
-    sqlite3_reset(m_statement.get());
+    row += ')';
+    std::string sql = "INSERT INTO " + m_table + " VALUES " + row;
+    for (std::size_t i = 1; i < rows; ++i) {
+        sql += ',' + row;
+    }
+    sqlite3_stmt* statement = nullptr;
+    const int code = sqlite3_prepare_v3(m_database.m_database.get(), sql.c_str(), -1,
+                                        SQLITE_PREPARE_PERSISTENT, &statement, nullptr);
+    Statement result(statement);
+    m_database.check(code);
+    return result;
+}
+
+void SqliteInserter::flush() {
+    const std::size_t rows = m_filled / m_columns;
+    if (rows == 0) {
+        return;
+    }
+    const Statement part = rows == BATCH_ROWS ? Statement() : prepare(rows);
+    sqlite3_stmt* statement = part ? part.get() : m_wholeBatch.get();
+    for (std::size_t i = 0; i < m_filled; ++i) {
+        m_database.check(bind(statement, static_cast<int>(i + 1), m_values[i]));
+    }
+    m_database.check(sqlite3_step(statement));
+    sqlite3_reset(statement);
     m_filled = 0;
+    m_copies.clear();
+}
+
+int SqliteInserter::bind(sqlite3_stmt* statement, int parameter, const Value& value) const {
+    const char* copy = m_copies.data() + (value.kind == Kind::INTEGER ? 0 : value.number);
+    switch (value.kind) {
+    case Kind::INTEGER:
+        return sqlite3_bind_int64(statement, parameter, value.number);
+    case Kind::TEXT:
+        return sqlite3_bind_text64(statement, parameter, copy, value.length, SQLITE_STATIC,
+                                   SQLITE_UTF8);
+    case Kind::BYTES:
+        return sqlite3_bind_blob64(statement, parameter, copy, value.length, SQLITE_STATIC);
+    case Kind::NOTHING:
+        break;
+    }
+    return sqlite3_bind_null(statement, parameter);
 }
