@@ -72,7 +72,10 @@ std::string Progress::line(double seconds) const {
                 fmt::format(", {} left", durationText(static_cast<double>(m_total - done) / rate));
         }
     }
-    return m_unit == Unit::FILES ? fmt::format("{}, {} files, {:.0f}/s", text, m_done, rate)
-                                 : fmt::format("{}, {}B, {}B/s", text, humanSize(m_done),
-                                               humanSize(static_cast<uint64_t>(rate)));
+    if (m_unit == Unit::BYTES) {
+        return fmt::format("{}, {}B, {}B/s", text, humanSize(m_done),
+                           humanSize(static_cast<uint64_t>(rate)));
+    }
+    return fmt::format("{}, {} {}, {:.0f}/s", text, m_done,
+                       m_unit == Unit::FILES ? "files" : "parts", rate);
 }

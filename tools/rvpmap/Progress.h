@@ -8,7 +8,7 @@
 
 class Progress {
   public:
-    enum class Unit { FILES, BYTES };
+    enum class Unit { FILES, PARTS, BYTES };
     // `total` 0: not known.
     Progress(const std::string& title, Unit unit, uint64_t total);
     ~Progress() { hide(); }

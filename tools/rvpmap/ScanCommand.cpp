@@ -39,7 +39,7 @@ using Claims = std::map<const StackNode*, Claim>;
 
 Claims claimAll(const Options& options, const Stack& stack) {
     const Provider provider(options.root);
-    Progress progress("scan", Progress::Unit::FILES, stack.nodes().size());
+    Progress progress("scan", Progress::Unit::PARTS, stack.nodes().size());
     Claims claims;
     for (const StackNode& node : stack.nodes()) {
         if (node.layer != nullptr) {
