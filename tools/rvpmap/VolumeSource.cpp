@@ -16,6 +16,15 @@ bool exists(const std::string& path) {
     return ::stat(path.c_str(), &status) == 0;
 }
 
+uint64_t sizeBehind(const DiskImage& disk, uint64_t offset) {
+    if (offset > disk.size()) {
+        throw ToolError(ExitStatus::FAILED,
+                        fmt::format("byte {} is past the end of {}, which has {} bytes", offset,
+                                    disk.name(), disk.size()));
+    }
+    return disk.size() - offset;
+}
+
 // What a file holds from an offset on, together with the file.
 struct OwnedDisk {
     DiskImage disk;
@@ -23,17 +32,7 @@ struct OwnedDisk {
 class DiskTail : private OwnedDisk, public Partition {
   public:
     DiskTail(const std::string& path, uint64_t offset)
-        : OwnedDisk{{path, path}}, Partition(path, disk, offset, sizeBehind(offset)) {}
-
-  private:
-    uint64_t sizeBehind(uint64_t offset) const {
-        if (offset > disk.size()) {
-            throw ToolError(ExitStatus::FAILED,
-                            fmt::format("byte {} is past the end of {}, which has {} bytes", offset,
-                                        disk.name(), disk.size()));
-        }
-        return disk.size() - offset;
-    }
+        : OwnedDisk{{path, path}}, Partition(path, disk, offset, sizeBehind(disk, offset)) {}
 };
 
 } // namespace
