@@ -41,6 +41,11 @@ class Layer {
     virtual uint64_t size() const = 0;
     // Fills exactly `length` bytes from byte `offset` on, or throws SourceError naming the disk.
     virtual void read(uint64_t offset, std::size_t length, char* buffer) const = 0;
+    // Has the kernel copy bytes from `offset` on to byte `to` of the open file `target`, past this
+    // process's memory. Returns how many of `length` it copied; 0 where it cannot, which `read` and
+    // a write can explain.
+    virtual std::size_t send(uint64_t offset, std::size_t length, int target,
+                             uint64_t to) const = 0;
     // The range as runs on the layers below, in order, together as long as the range. A disk, which
     // has none below, answers with no run. Throws SourceError for a range that cannot be told.
     virtual std::vector<LayerRun> map(uint64_t offset, uint64_t length) const = 0;

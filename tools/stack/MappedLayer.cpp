@@ -69,13 +69,17 @@ void readRun(const LayerRun& run, char* buffer) {
     }
 }
 
-std::vector<LayerRun> MappedLayer::map(uint64_t offset, uint64_t length) const {
+void MappedLayer::checkRange(uint64_t offset, uint64_t length) const {
     if (offset > m_size || length > m_size - offset) {
         throw SourceError(fmt::format("read of {} bytes at offset {}: past the end of {}, which "
                                       "has {} bytes",
                                       length, offset, m_name, m_size),
                           true);
     }
+}
+
+std::vector<LayerRun> MappedLayer::map(uint64_t offset, uint64_t length) const {
+    checkRange(offset, length);
     std::vector<LayerRun> runs;
     while (length > 0) {
         LayerRun run = firstRun(offset, length);
@@ -84,6 +88,16 @@ std::vector<LayerRun> MappedLayer::map(uint64_t offset, uint64_t length) const {
         appendRun(runs, std::move(run));
     }
     return runs;
+}
+
+std::size_t MappedLayer::send(uint64_t offset, std::size_t length, int target, uint64_t to) const {
+    checkRange(offset, length);
+    const LayerRun run = firstRun(offset, length);
+    if (run.kind != RunKind::DATA) {
+        return 0;
+    }
+    const LayerPlace& place = run.places.front();
+    return place.layer->send(place.offset, static_cast<std::size_t>(run.length), target, to);
 }
 
 void MappedLayer::read(uint64_t offset, std::size_t length, char* buffer) const {

@@ -13,6 +13,7 @@ class MappedLayer : public Layer {
     const std::string& name() const override { return m_name; }
     uint64_t size() const override { return m_size; }
     void read(uint64_t offset, std::size_t length, char* buffer) const override;
+    std::size_t send(uint64_t offset, std::size_t length, int target, uint64_t to) const override;
     std::vector<LayerRun> map(uint64_t offset, uint64_t length) const override;
 
   protected:
@@ -21,6 +22,8 @@ class MappedLayer : public Layer {
     virtual LayerRun firstRun(uint64_t offset, uint64_t length) const = 0;
 
   private:
+    void checkRange(uint64_t offset, uint64_t length) const;
+
     std::string m_name;
     uint64_t m_size; // bytes
 };
