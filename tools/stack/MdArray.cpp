@@ -58,11 +58,14 @@ uint64_t usedSectors(const MdAssembly& assembly, const MdMember* member) {
 } // namespace
 
 MdArray::MdArray(std::string name, const MdAssembly& assembly)
-    : MappedLayer(std::move(name), assembly.size), m_level(assembly.newest->superblock.level) {
+    : MappedLayer(std::move(name), assembly.size), m_level(assembly.newest->superblock.level),
+      m_chunkBytes(assembly.newest->superblock.chunkBytes) {
     for (const MdMember* member : assembly.byRole) {
+        const uint64_t length = usedSectors(assembly, member) * SECTOR_BYTES;
         m_members.push_back(
-            member == nullptr ? Member{nullptr, 0}
-                              : Member{member->layer, member->superblock.dataStart * SECTOR_BYTES});
+            member == nullptr
+                ? Member{nullptr, 0, length}
+                : Member{member->layer, member->superblock.dataStart * SECTOR_BYTES, length});
     }
     addToLibrary(assembly);
 }
@@ -90,7 +93,7 @@ void MdArray::addToLibrary(const MdAssembly& assembly) {
     }
 }
 
-LayerRun MdArray::firstRun(uint64_t offset, uint64_t length) const {
+MdArray::Location MdArray::locate(uint64_t offset, uint64_t length) const {
     // The library answers in whole sectors.
     const uint64_t head = offset % SECTOR_BYTES;
     const uint64_t sectors = (head + length + SECTOR_BYTES - 1) / SECTOR_BYTES;
@@ -105,12 +108,15 @@ LayerRun MdArray::firstRun(uint64_t offset, uint64_t length) const {
                                       length, offset, name()),
                           false);
     }
-    const uint64_t usable = std::min<uint64_t>(length, runLength - head);
-    const uint32_t role = disk->callerWord;
-    if (role < m_members.size() && m_members[role].layer != nullptr) {
-        return {usable, RunKind::DATA, {placeOn(role, memberOffset + head)}};
+    return {disk->callerWord, memberOffset + head, std::min<uint64_t>(length, runLength - head)};
+}
+
+LayerRun MdArray::firstRun(uint64_t offset, uint64_t length) const {
+    const Location at = locate(offset, length);
+    if (at.role < m_members.size() && m_members[at.role].layer != nullptr) {
+        return {at.length, RunKind::DATA, {placeOn(at.role, at.offset)}};
     }
-    return rebuiltRun(role, memberOffset + head, usable);
+    return rebuiltRun(at.role, at.offset, at.length);
 }
 
 LayerPlace MdArray::placeOn(uint32_t role, uint64_t offset) const {
@@ -132,4 +138,81 @@ LayerRun MdArray::rebuiltRun(uint32_t role, uint64_t offset, uint64_t length) co
         run.places.resize(1);
     }
     return run;
+}
+
+std::vector<const Layer*> MdArray::layersBelow() const {
+    std::vector<const Layer*> layers;
+    for (const Member& member : m_members) {
+        if (member.layer != nullptr) {
+            layers.push_back(member.layer);
+        }
+    }
+    return layers;
+}
+
+std::vector<LayerUse> MdArray::directUses(const LayerPlace& place, uint64_t length) const {
+    std::vector<LayerUse> uses;
+    uint32_t role = 0;
+    while (m_members[role].layer != place.layer) {
+        ++role;
+    }
+    const Member& member = m_members[role];
+    const LayerUse all = commonUse(member.start, member.length, place, length, mirrorKind(role));
+    if (m_level == 1) {
+        appendUse(uses, all);
+        return uses;
+    }
+    for (uint64_t done = 0; done < all.length;) {
+        const uint64_t offset = all.logical + done;
+        const uint64_t step = std::min(all.length - done, m_chunkBytes - offset % m_chunkBytes);
+        appendRowUses(role, offset, step, uses);
+        done += step;
+    }
+    return uses;
+}
+
+// Of a mirror, the first member that is there is read.
+UseKind MdArray::mirrorKind(uint32_t role) const {
+    const auto first = std::find_if(m_members.begin(), m_members.end(),
+                                    [](const Member& member) { return member.layer != nullptr; });
+    return &*first == &m_members[role] ? UseKind::DATA : UseKind::COPY;
+}
+
+// At level 0, only members that reach so high have a part in the row.
+MdArray::Row MdArray::rowAt(uint64_t height) const {
+    Row row{0, 0};
+    for (const Member& member : m_members) {
+        const uint64_t chunks = member.length / m_chunkBytes;
+        row.firstChunk += std::min(height, chunks);
+        row.chunks += height < chunks ? 1 : 0;
+    }
+    if (m_level == 0) {
+        return row;
+    }
+    const uint64_t members = m_members.size();
+    const uint64_t width = m_level == 10 ? members / 2 : members - (m_level == 6 ? 2 : 1);
+    return {height * width, row.chunks == 0 ? 0 : width};
+}
+
+// What bytes within one chunk of a member are, told by where the library puts the row's chunks.
+void MdArray::appendRowUses(uint32_t role, uint64_t offset, uint64_t length,
+                            std::vector<LayerUse>& uses) const {
+    const Row row = rowAt(offset / m_chunkBytes);
+    const uint64_t place = m_members[role].start + offset;
+    bool isData = row.chunks == 0;
+    for (uint64_t chunk = row.firstChunk; chunk < row.firstChunk + row.chunks; ++chunk) {
+        const uint64_t logical = chunk * m_chunkBytes + offset % m_chunkBytes;
+        const uint32_t holder = locate(logical, length).role;
+        const bool isThere = m_members[holder].layer != nullptr;
+        if (holder == role || (m_level == 10 && holder == (role ^ 1U))) {
+            appendUse(uses, {place, length,
+                             holder != role && isThere ? UseKind::COPY : UseKind::DATA, logical});
+            isData = true;
+        } else if (!isThere && keepsParity()) {
+            appendUse(uses, {place, length, UseKind::REBUILDS, logical});
+        }
+    }
+    if (!isData && keepsParity()) {
+        appendUse(uses, {place, length, UseKind::PARITY, 0});
+    }
 }
