@@ -90,11 +90,11 @@ ExitStatus runOnStack(const Options& options, const Stack& stack) {
     if (options.command == Command::SCAN) {
         return runScan(options, stack);
     }
-    const StackNode* node = stack.find(options.volume);
-    if (options.command == Command::OWNER && node != nullptr && node->parents.empty()) {
-        return runDiskOwner(options, stack, *node, Table(wantsColours(options.colour)));
+    const StackNode& node = findVolume(stack, options.volume);
+    if (options.command == Command::OWNER && (node.parents.empty() || !node.children.empty())) {
+        return runNodeOwner(options, stack, node, Table(wantsColours(options.colour)));
     }
-    return runOnVolume(options, findVolume(stack, options.volume), &stack);
+    return runOnVolume(options, *node.layer, &stack);
 }
 
 ExitStatus run(const Options& options) {
