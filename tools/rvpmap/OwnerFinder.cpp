@@ -46,7 +46,11 @@ void OwnerFinder::addArea(std::size_t rank, const OwnedArea& area) {
     if (m_areas.size() <= rank) {
         m_areas.resize(rank + 1);
     }
-    if (area.range.begin < area.range.end) {
+    OwnedArea* last = m_areas[rank].last();
+    if (last != nullptr && last->range.end == area.range.begin && last->kind == area.kind &&
+        last->holder == area.holder) {
+        last->range.end = area.range.end;
+    } else if (area.range.begin < area.range.end) {
         m_areas[rank].add(area);
     }
 }

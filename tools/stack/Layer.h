@@ -30,6 +30,7 @@ struct LayerRun {
     uint64_t length;
     RunKind kind;
     std::vector<LayerPlace> places;
+    std::vector<LayerPlace> copies = {}; // where the bytes lie once more, though not read there
 };
 
 // What bytes of a layer below are to a layer. In the order of their distance from its bytes.

@@ -50,7 +50,11 @@ LayerRun LogicalVolume::firstRun(uint64_t offset, uint64_t length) const {
     }
     if (stripes == 1) {
         const LayerPlace& place = segment.places.front();
-        return {length, RunKind::DATA, {{place.layer, place.offset + inside}}};
+        LayerRun run{length, RunKind::DATA, {{place.layer, place.offset + inside}}};
+        for (const LayerPlace& copy : segment.copies) {
+            run.copies.push_back({copy.layer, copy.offset + inside});
+        }
+        return run;
     }
     const uint64_t chunk = inside / segment.stripeSize;
     const uint64_t inChunk = inside % segment.stripeSize;

@@ -9,12 +9,17 @@
 
 namespace {
 
-bool continues(const LayerRun& last, const LayerRun& next) {
-    return last.kind == next.kind &&
-           std::equal(last.places.begin(), last.places.end(), next.places.begin(),
-                      next.places.end(), [&](const LayerPlace& a, const LayerPlace& b) {
-                          return a.layer == b.layer && a.offset + last.length == b.offset;
+bool goOn(const std::vector<LayerPlace>& last, const std::vector<LayerPlace>& next,
+          uint64_t length) {
+    return std::equal(last.begin(), last.end(), next.begin(), next.end(),
+                      [length](const LayerPlace& a, const LayerPlace& b) {
+                          return a.layer == b.layer && a.offset + length == b.offset;
                       });
+}
+
+bool continues(const LayerRun& last, const LayerRun& next) {
+    return last.kind == next.kind && goOn(last.places, next.places, last.length) &&
+           goOn(last.copies, next.copies, last.length);
 }
 
 // In words, which compilers do not make of bytes.

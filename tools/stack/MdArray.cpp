@@ -113,29 +113,41 @@ MdArray::Location MdArray::locate(uint64_t offset, uint64_t length) const {
 
 LayerRun MdArray::firstRun(uint64_t offset, uint64_t length) const {
     const Location at = locate(offset, length);
-    if (at.role < m_members.size() && m_members[at.role].layer != nullptr) {
+    if (m_level == 1 || m_level == 10) {
+        return mirrorRun(at);
+    }
+    if (m_members.at(at.role).layer != nullptr) {
         return {at.length, RunKind::DATA, {placeOn(at.role, at.offset)}};
     }
-    return rebuiltRun(at.role, at.offset, at.length);
+    return rebuiltRun(at);
 }
 
 LayerPlace MdArray::placeOn(uint32_t role, uint64_t offset) const {
     return {m_members[role].layer, m_members[role].start + offset};
 }
 
-// What a missing member would hold: a mirror's bytes, or the exclusive or of all others.
-LayerRun MdArray::rebuiltRun(uint32_t role, uint64_t offset, uint64_t length) const {
-    if (m_level == 10) {
-        return {length, RunKind::DATA, {placeOn(role ^ 1U, offset)}};
-    }
-    LayerRun run{length, m_level == 4 || m_level == 5 ? RunKind::XOR : RunKind::DATA, {}};
-    for (uint32_t other = 0; other < m_members.size(); ++other) {
-        if (m_members[other].layer != nullptr) {
-            run.places.push_back(placeOn(other, offset));
+bool MdArray::areMirrors(uint32_t a, uint32_t b) const {
+    return a == b || m_level == 1 || (m_level == 10 && a == (b ^ 1U));
+}
+
+// The first that is there is read.
+LayerRun MdArray::mirrorRun(const Location& at) const {
+    LayerRun run{at.length, RunKind::DATA, {}};
+    for (uint32_t role = 0; role < m_members.size(); ++role) {
+        if (areMirrors(role, at.role) && m_members[role].layer != nullptr) {
+            (run.places.empty() ? run.places : run.copies).push_back(placeOn(role, at.offset));
         }
     }
-    if (run.kind == RunKind::DATA) {
-        run.places.resize(1);
+    return run;
+}
+
+// What a missing member would hold: the exclusive or of all others.
+LayerRun MdArray::rebuiltRun(const Location& at) const {
+    LayerRun run{at.length, RunKind::XOR, {}};
+    for (uint32_t other = 0; other < m_members.size(); ++other) {
+        if (m_members[other].layer != nullptr) {
+            run.places.push_back(placeOn(other, at.offset));
+        }
     }
     return run;
 }
@@ -157,7 +169,7 @@ std::vector<LayerUse> MdArray::directUses(const LayerPlace& place, uint64_t leng
         ++role;
     }
     const Member& member = m_members[role];
-    const LayerUse all = commonUse(member.start, member.length, place, length, mirrorKind(role));
+    const LayerUse all = commonUse(member.start, member.length, place, length, mirrorKind(role, 0));
     if (m_level == 1) {
         appendUse(uses, all);
         return uses;
@@ -171,11 +183,14 @@ std::vector<LayerUse> MdArray::directUses(const LayerPlace& place, uint64_t leng
     return uses;
 }
 
-// Of a mirror, the first member that is there is read.
-UseKind MdArray::mirrorKind(uint32_t role) const {
-    const auto first = std::find_if(m_members.begin(), m_members.end(),
-                                    [](const Member& member) { return member.layer != nullptr; });
-    return &*first == &m_members[role] ? UseKind::DATA : UseKind::COPY;
+// What a mirror of `holder` is: data where it is the first that is there.
+UseKind MdArray::mirrorKind(uint32_t role, uint32_t holder) const {
+    for (uint32_t other = 0; other < role; ++other) {
+        if (areMirrors(other, holder) && m_members[other].layer != nullptr) {
+            return UseKind::COPY;
+        }
+    }
+    return UseKind::DATA;
 }
 
 // At level 0, only members that reach so high have a part in the row.
@@ -203,12 +218,10 @@ void MdArray::appendRowUses(uint32_t role, uint64_t offset, uint64_t length,
     for (uint64_t chunk = row.firstChunk; chunk < row.firstChunk + row.chunks; ++chunk) {
         const uint64_t logical = chunk * m_chunkBytes + offset % m_chunkBytes;
         const uint32_t holder = locate(logical, length).role;
-        const bool isThere = m_members[holder].layer != nullptr;
-        if (holder == role || (m_level == 10 && holder == (role ^ 1U))) {
-            appendUse(uses, {place, length,
-                             holder != role && isThere ? UseKind::COPY : UseKind::DATA, logical});
+        if (areMirrors(role, holder)) {
+            appendUse(uses, {place, length, mirrorKind(role, holder), logical});
             isData = true;
-        } else if (!isThere && keepsParity()) {
+        } else if (m_members[holder].layer == nullptr && keepsParity()) {
             appendUse(uses, {place, length, UseKind::REBUILDS, logical});
         }
     }

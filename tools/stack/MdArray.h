@@ -39,11 +39,13 @@ class MdArray : public MappedLayer {
     Location locate(uint64_t offset, uint64_t length) const;
     Row rowAt(uint64_t height) const;
     bool keepsParity() const { return m_level >= 4 && m_level <= 6; }
-    UseKind mirrorKind(uint32_t role) const;
+    bool areMirrors(uint32_t a, uint32_t b) const;
+    UseKind mirrorKind(uint32_t role, uint32_t holder) const;
     void appendRowUses(uint32_t role, uint64_t offset, uint64_t length,
                        std::vector<LayerUse>& uses) const;
     LayerPlace placeOn(uint32_t role, uint64_t offset) const;
-    LayerRun rebuiltRun(uint32_t role, uint64_t offset, uint64_t length) const;
+    LayerRun mirrorRun(const Location& at) const;
+    LayerRun rebuiltRun(const Location& at) const;
 
     int32_t m_level;
     uint64_t m_chunkBytes;
