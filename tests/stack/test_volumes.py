@@ -29,6 +29,7 @@ class Volumes(StackTest):
         striped = b"".join(data[at:at + 2048] for at in range(0, 2 * EXTENT, 2048)
                            for data in (one[2 * EXTENT:], two[8 * EXTENT:]))
         self.check_content("vg0/striped", self.names[::-1], striped)
+        self.assertEqual(self.uses("vg0/striped", self.names), (4 * EXTENT, 0, 0, 0))
         self.check_content("vg0/empty", self.names, bytes(2 * EXTENT))
         self.assertEqual(self.scan(self.names)["vg0"]["type"], "vg")
 
@@ -43,6 +44,16 @@ class Volumes(StackTest):
         for name in ("vg0/mirror", "vg0/raid"):
             self.check_content(name, self.names, extents(self.content[1], 4, 5))
         self.assertNotIn("vg0/m_image_0", self.scan(self.names))
+        # A leg that is being rebuilt is not read, the other then is.
+        legs[0] = volume("m_image_0", stripes(0, 2, ("pv1", 4)), visible=False, status=', "REBUILD"')
+        self.write(*legs, volume("v", segment(0, 2, "mirror", 'mirror_count = 2\nmirrors = '
+                                              '["m_image_0", 0, "m_image_1", 0]')))
+        self.check_content("vg0/v", self.names, extents(self.content[2], 4, 5))
+        self.content[2] = self.content[1]
+        self.write(*legs[1:], volume("m_image_0", stripes(0, 2, ("pv1", 4))),
+                   volume("v", segment(0, 2, "raid1", 'device_count = 2\nraids = ["m_meta_0", '
+                                       '"m_image_0", "m_meta_1", "m_image_1"]')))
+        self.assertEqual(self.uses("vg0/v", self.names), (2 * EXTENT, 2 * EXTENT, 0, 0))
 
     def test_what_is_refused(self):
         def thin(kind):
@@ -52,10 +63,16 @@ class Volumes(StackTest):
         snapshot = [volume("v", stripes(0, 2, ("pv1", 0))), volume("o", stripes(0, 2, ("pv1", 2))),
                     volume("snapshot0", segment(0, 2, "snapshot",
                                                 'origin = "o"\ncow_store = "v"'))]
+        merging = [volume("o", stripes(0, 2, ("pv1", 0))), volume("v", stripes(0, 2, ("pv1", 2))),
+                   volume("snapshot0", segment(0, 2, "snapshot",
+                                               'origin = "v"\nmerging_store = "o"'))]
         for volumes, words in (
                 *([[thin(kind)], f"type {kind}, which is not supported"]
                   for kind in ("thin", "thin-pool", "cache", "raid5_ls", "vdo", "error")),
-                (snapshot, "is a snapshot"),
+                (snapshot, "is a snapshot"), (merging, "is being merged with a snapshot"),
+                ([volume("v", stripes(0, 2, ("pv1", 0)), status=', "REBUILD"')], "not rebuilt"),
+                ([volume("v", stripes(0, 4, ("pv1", 0), ("pv2", 0), size=3))],
+                 "stripes make no sense"),
                 (on_each_other, "lies on itself"),
                 ([volume("v", stripes(0, 2, ("pv1", 15)))], "outside of its physical volume pv1"),
                 ([volume("v", stripes(0, 2, ("w", 0))), volume("w", stripes(0, 1, ("pv1", 0)))],

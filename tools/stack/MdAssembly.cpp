@@ -150,6 +150,7 @@ class Judge {
                 if (speaks(one) && speaks(other) && denies(one, other) && denies(other, one)) {
                     m_clash = fmt::format("fell apart: {} and {} each went on without the other",
                                           one.layer->name(), other.layer->name());
+                    return;
                 }
             }
         }
