@@ -81,6 +81,12 @@ class Disks(ToolTest):
                 result.append([offset, length, path, at])
         return result
 
+    def test_a_member_is_not_taken_for_the_array_silently(self):
+        # The first member begins as the file system does.
+        done = self.run_tool(*self.disks, "claim", "m0.img")
+        self.assertIn(f"m0.img: {self.array} lies on it", done.stderr.decode())
+        self.assertEqual(self.run_tool(*self.disks, "claim", self.array).stderr, b"")
+
     def test_what_no_file_holds(self):
         size = (self.folder / "m0.img").stat().st_size
         pieces = self.on("owner", "m0.img", f"{size - 4096}+5K")

@@ -175,18 +175,33 @@ class ComposedArrays(StackTest):
                 (dict(raid5, features=["journal"]), "keeps a journal")):
             with self.subTest(words):
                 self.check_refused("md0", self.write(make_array(content, **fields)), words)
-        for level, chunk, words in ((-1, 4096, "level linear"), (5, 0, "chunks of 0 bytes"),
-                                    (10, 4096, "on 3 disks")):
-            images = make_array(content, **raid5)
-            for i, image in enumerate(images):
-                image = bytearray(image)
-                struct.pack_into("<iI", image, 4096 + 72, level, 0x102 if level == 10 else 2)
-                struct.pack_into("<I", image, 4096 + 88, chunk // 512)
-                roles = struct.unpack_from("<I", image, 4096 + 220)[0]
-                struct.pack_into("<I", image, 4096 + 216,
-                                 md_disks.checksum(image[4096:8192], roles))
-                images[i] = bytes(image)
-            self.check_refused("md0", self.write(images), words)
+        # At byte: level 72, layout 76, sectors used 80, of a chunk 88, disks 92, data size 136.
+        images = make_array(content, **raid5)
+        for changes, words in (
+                ({72: -1}, "level linear"), ({88: 0}, "chunks of 0 bytes"),
+                ({88: 1 << 22}, "which makes no sense"), ({92: 1}, "too few disks for level 5"),
+                ({72: 10, 76: 0x102}, "on 3 disks"), ({72: 6, 76: 8, 92: 4}, "level 6 in layout 8")):
+            self.check_refused("md0", self.write([self.changed(image, changes) for image in images]),
+                               words)
+        names = self.write([images[0], self.changed(images[1], {76: 0}), images[2]])
+        self.check_refused("md0", names, "members that disagree on what it is: d0 and d1")
+        for changes, words in (({136: 8}, "smaller than the array's members"),
+                               ({92: 0}, "its number of disks makes no sense"),
+                               ({128: 0}, "the place of the data makes no sense")):
+            names = self.write([images[0], self.changed(images[1], changes), images[2]])
+            nodes = self.scan(names)
+            self.assertIn(words, nodes["d1"]["note"])
+            self.assertEqual((nodes["md0"]["state"], nodes["md0"]["size"]),
+                             ("degraded", len(content)))
+
+    def changed(self, image, words):
+        """The member with other 32-bit words in its superblock 1.2."""
+        image = bytearray(image)
+        for at, word in words.items():
+            struct.pack_into("<i", image, 4096 + at, word)
+        roles = struct.unpack_from("<I", image, 4096 + 220)[0]
+        struct.pack_into("<I", image, 4096 + 216, md_disks.checksum(image[4096:8192], roles))
+        return bytes(image)
 
     def test_members_that_are_not_used(self):
         content = noise(4096 * 24, 2)

@@ -1,4 +1,6 @@
 """LVM2: segments of every kind, and metadata in every kind of trouble."""
+import struct
+
 import lvm_disks
 from lvm_disks import EXTENT, group, physical_volume, segment, stripes, volume
 from stack_support import DATA, StackTest, noise
@@ -74,6 +76,10 @@ class Volumes(StackTest):
                 ([volume("v", stripes(0, 4, ("pv1", 0), ("pv2", 0), size=3))],
                  "stripes make no sense"),
                 (on_each_other, "lies on itself"),
+                ([volume("v", stripes(0, 1, ("v0", 0))), volume("v19", stripes(0, 1, ("pv1", 0))),
+                  *(volume(f"v{i}", stripes(0, 1, (f"v{i + 1}", 0))) for i in range(19))],
+                 "on too many others in a row"),
+                ([volume("v", segment(0, 1 << 52, "zero", ""))], "larger than any disk"),
                 ([volume("v", stripes(0, 2, ("pv1", 15)))], "outside of its physical volume pv1"),
                 ([volume("v", stripes(0, 2, ("w", 0))), volume("w", stripes(0, 1, ("pv1", 0)))],
                  "outside of w"),
@@ -106,10 +112,28 @@ class Volumes(StackTest):
                           self.message(*self.options(["p1"]), "ls", "vg0/v", status=1))
         self.disk("p1", physical_volume(1, text, self.content[1], broken=[0, 1]))
         self.assertNotIn("vg0", self.scan(["p1"]))
-        image = bytearray(physical_volume(1, text, self.content[1]))
-        image[512 + 40] ^= 1
-        self.disk("p1", image)
-        self.assertIn("label in sector 1 is not used: its checksum", self.scan(["p1"])["p1"]["note"])
+        # Of the label's sector, or of both areas' headers: bytes that are changed, and where the
+        # checksum lies that is made to fit, and what it sums.
+        whole = physical_volume(1, text, self.content[1])
+        label, areas = [512], [4096, len(whole) - lvm_disks.AREA_SIZE]
+        for sectors, at, value, summed, words in (
+                (label, 40, b"\1", None, "label in sector 1 is not used: its checksum"),
+                (label, 8, b"\2", (16, 20), "it makes no sense"),
+                (label, 96, b"\1" * 416, (16, 20), "its lists do not end"),
+                (areas, 100, b"\1", None, "the checksum of its header is wrong"),
+                (areas, 20, b"\2", (0, 4), "its header makes no sense"),
+                (areas, 46, b"\1", (0, 4), "its text lies outside of it")):
+            image = bytearray(whole)
+            for sector in sectors:
+                image[sector + at:sector + at + len(value)] = value
+                if summed:
+                    place, start = summed
+                    struct.pack_into("<I", image, sector + place,
+                                     lvm_disks.crc(image[sector + start:sector + 512]))
+            self.disk("p1", image)
+            nodes = self.scan(["p1"])
+            self.assertIn(words, nodes["p1"]["note"])
+            self.assertNotIn("vg0", nodes)
 
     def test_places_and_copies_of_the_metadata(self):
         old = group([volume("v", stripes(0, 2, ("pv1", 1)))], {1: 16, 2: 16}, seqno=3)

@@ -64,16 +64,10 @@ class JsonPrinter : public OwnerPrinter {
         out.push_back(',');
         appendJsonName(out, "path", file.path);
         fmt::format_to(std::back_inserter(out),
-                       ",\"index\":{},\"size\":{},\"file_offset\":{},\"flags\":[", file.index,
+                       ",\"index\":{},\"size\":{},\"file_offset\":{},\"flags\":", file.index,
                        file.size, piece.fileOffset);
-        std::string_view separator = "\"";
-        forEachFlag(piece.flags & ~FSO_EXTENT_LAST, [&](std::string_view name) {
-            append(out, separator);
-            append(out, name);
-            out.push_back('"');
-            separator = ",\"";
-        });
-        append(out, "]}");
+        appendJsonFlags(out, piece.flags & ~FSO_EXTENT_LAST);
+        out.push_back('}');
         m_output.pace();
     }
     void print(const ByteRange& range, const OtherOwner& owner,

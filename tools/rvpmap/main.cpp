@@ -34,6 +34,14 @@ void warnOfState(const Volume& volume) {
     }
 }
 
+// A member of an array may look like the volume whose first bytes it holds.
+void warnOfPart(const StackNode& node) {
+    if (!node.children.empty()) {
+        printMessage(node.name, fmt::format("{} lies on it; its own bytes are taken for a volume",
+                                            shownName(node.children.front()->name)));
+    }
+}
+
 ExitStatus dispatch(Session& session) {
     switch (session.options.command) {
     case Command::CLAIM:
@@ -94,6 +102,7 @@ ExitStatus runOnStack(const Options& options, const Stack& stack) {
     if (options.command == Command::OWNER && (node.parents.empty() || !node.children.empty())) {
         return runNodeOwner(options, stack, node, Table(wantsColours(options.colour)));
     }
+    warnOfPart(node);
     return runOnVolume(options, *node.layer, &stack);
 }
 

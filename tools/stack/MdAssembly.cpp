@@ -63,7 +63,7 @@ class Judge {
             return std::move(m_result);
         }
         weighLoss();
-        if (m_result.state == MdState::COMPLETE || m_result.state == MdState::DEGRADED) {
+        if (m_result.state == MdState::COMPLETE || array().level != 0) {
             measure();
         }
         return std::move(m_result);
