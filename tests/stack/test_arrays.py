@@ -292,3 +292,5 @@ class ComposedArrays(StackTest):
                                            uuid=bytes([i]) * 16), f"m{i}-")
         self.check_content("md_top", names[::-1], content)
         self.check_content("md_top", names[1:3], content)
+        size = len(content)
+        self.assertEqual(self.uses("md_top", names), (size, size, 0, 0))

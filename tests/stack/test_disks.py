@@ -229,6 +229,11 @@ class WholeStacks(StackTest):
                                   for one in found], [("vg0/root", path, logical, False)])
         self.assertEqual([self.json(*options, "owner", node, "0")[0]["owner"]
                           for node in ("md0", self.names[0])], ["group-metadata", "array-metadata"])
+        self.assertEqual(self.uses("vg0/root", self.names), (2 * half, 0, 0, 0))
+        parity = sum(piece["length"] for name in self.names
+                     for piece in self.json(*options, "owner", name, "0+1G")
+                     if piece["owner"] == "parity" and piece["volume"] == "md0")
+        self.assertEqual(parity, self.scan(self.names)["md0"]["size"] // 2)
 
     def test_both_legs_of_a_mirror(self):
         images = make_array((self.folder / "image").read_bytes(), level=1, disks=2)
