@@ -86,6 +86,10 @@ std::vector<LayerRun> DiskImage::map(uint64_t offset, uint64_t length) const {
     return {};
 }
 
+std::vector<LayerUse> DiskImage::uses(const LayerPlace& place, uint64_t length) const {
+    return place.layer == this ? ownUses(place, length) : std::vector<LayerUse>();
+}
+
 bool DiskImage::isSameAs(const DiskImage& other) const {
     return m_isDevice == other.m_isDevice && m_device == other.m_device && m_inode == other.m_inode;
 }
