@@ -32,7 +32,7 @@ def evened(images):
 
 
 def array_v090(level, layout, disks, size):
-    """Members of 256 KiB, the superblock in the last 64."""
+    """Members of 128 KiB, the superblock in the last 64."""
     images = []
     for role, data in enumerate(member_data(level, layout, disks, 4096, marked(size))):
         words = [0] * 1024
@@ -47,25 +47,20 @@ def array_v090(level, layout, disks, size):
         words[992:997] = [role, 8, role, role, 6]
         total = sum(words)
         words[38] = (total & 0xFFFFFFFF) + (total >> 32) & 0xFFFFFFFF
-        image = bytearray(256 * KIB)
+        image = bytearray(128 * KIB)
         image[:len(data)] = data
-        image[192 * KIB:196 * KIB] = struct.pack("<1024I", *words)
+        image[64 * KIB:68 * KIB] = struct.pack("<1024I", *words)
         images.append(bytes(image))
     return images
 
 
 def volume_group():
-    legs = [volume(f"m_{kind}_{i}", stripes(0, 1, (f"pv{i + 1}", 4)), visible=False)
-            for kind in ("image", "meta") for i in (0, 1)]
-    return group([volume("linear", stripes(0, 2, ("pv2", 2)), stripes(2, 1, ("pv1", 0))),
-                  volume("striped", stripes(0, 4, ("pv1", 1), ("pv2", 5), size=4)),
-                  volume("empty", segment(0, 1, "zero", "")),
-                  volume("thin", segment(0, 1, "thin", 'thin_pool = "pool"')), *legs,
-                  volume("mirror", segment(0, 1, "mirror", 'mirror_count = 2\nmirrors = '
-                                           '["m_image_0", 0, "m_image_1", 0]')),
-                  volume("raid", segment(0, 1, "raid1", 'device_count = 2\nraids = ["m_meta_0", '
-                                         '"m_image_0", "m_meta_1", "m_image_1"]'))],
-                 {1: 8, 2: 8})
+    legs = [volume(f"l{i}", stripes(0, 1, (f"pv{i}", 4)), visible=False) for i in (1, 2)]
+    return group([volume("a", stripes(0, 2, ("pv2", 2)), stripes(2, 1, ("pv1", 0))),
+                  volume("s", stripes(0, 4, ("pv1", 1), ("pv2", 5), size=4)), *legs,
+                  volume("m", segment(0, 1, "mirror", 'mirrors = ["l1", 0, "l2", 0]'),
+                         segment(1, 1, "raid1", 'raids = ["l2", "l1"]'))],
+                 {1: 8, 2: 8}, name="g")
 
 
 def small_group(number):
@@ -101,12 +96,11 @@ def bases():
         "raid1-lvm": make_array(inner, level=1, disks=2, data_start=16 * KIB),
         "v090": array_v090(4, 0, 3, 64 * KIB),
         "lvm": [physical_volume(number, volume_group(), marked(8 * EXTENT)) for number in (1, 2)],
-        "gpt": [partitioned(512 * KIB, "label: gpt\nlabel-id: 6a1f7d5e-3c1b-4a53-9d0e-0123456789ab"
-                            f"\nstart=40, size={len(pv) // 512}\nstart=600, size=88\n",
-                            {40: pv, 600: mirror})],
-        "mbr": [partitioned(512 * KIB, "label: dos\nlabel-id: 0x12345678\nstart=8, size=64\n"
-                            "start=80, size=900, type=5\nstart=88, size=100\nstart=200, size=100\n"
-                            f"start=312, size={len(pv) // 512}\n", {312: pv})],
+        "gpt": [partitioned(96 * KIB, "label: gpt\nlabel-id: 6a1f7d5e-3c1b-4a53-9d0e-0123456789ab"
+                            "\nstart=40, size=16\nstart=64, size=88\n", {64: mirror})],
+        "mbr": [partitioned(96 * KIB, "label: dos\nlabel-id: 0x12345678\nstart=8, size=8\n"
+                            "start=16, size=160, type=5\nstart=18, size=8\nstart=30, size=10\n"
+                            "start=48, size=88\n", {48: mirror})],
     }
 
 
