@@ -101,7 +101,7 @@ Disks& disksOf(std::size_t number) {
     return s_disks[number];
 }
 
-// The text goes into every metadata area of the base's physical volumes.
+// The text goes into one metadata area of each physical volume of the base; the others are empty.
 void placeText(Disks& disks, std::string_view text) {
     constexpr std::string_view MAGIC = " LVM2 x[5A%r0N*>";
     constexpr std::size_t TEXT_OFFSET = 1024;
@@ -113,10 +113,11 @@ void placeText(Disks& disks, std::string_view text) {
     for (std::size_t at = all.find(MAGIC); at != all.npos; at = all.find(MAGIC, at + 1)) {
         areas.push_back(at - 4);
     }
-    for (const std::size_t area : areas) {
-        const std::uint64_t location[] = {TEXT_OFFSET, text.size()};
-        std::memcpy(disks.image().change(area + 40, sizeof location), location, sizeof location);
-        std::memcpy(disks.image().change(area + TEXT_OFFSET, text.size()), text.data(),
+    for (std::size_t i = 0; i < areas.size(); ++i) {
+        const std::uint64_t location[] = {i % 2 == 0 ? TEXT_OFFSET : 0, text.size()};
+        std::memcpy(disks.image().change(areas[i] + 40, sizeof location), location,
+                    sizeof location);
+        std::memcpy(disks.image().change(areas[i] + TEXT_OFFSET, text.size()), text.data(),
                     text.size());
     }
 }
