@@ -7,3 +7,8 @@ if(DORADO_SANITIZE)
                         -fno-omit-frame-pointer)
     add_link_options(-fsanitize=address,undefined)
 endif()
+
+# Tells the fuzzer which code an input reaches.
+if(DORADO_FUZZ)
+    add_compile_options(-fsanitize=fuzzer-no-link -O1)
+endif()
