@@ -136,6 +136,10 @@ struct Operation {
     std::function<std::string()> run;
 };
 
+void PrintTo(const Operation& operation, std::ostream* out) {
+    *out << operation.name;
+}
+
 const std::vector<Operation> OPERATIONS = {
     {"StripesByV090", [] { return assemble(false, {.level = 0, .disks = 3}); }},
     {"ParityByV1", [] { return assemble(true, {.level = 5, .disks = 3}); }},
@@ -151,16 +155,21 @@ class GeometryFailure : public testing::TestWithParam<std::tuple<Operation, bool
 
 TEST_P(GeometryFailure, AtEveryAllocation) {
     const auto& [operation, onwards] = GetParam();
+    kmhost_log_to(nullptr, nullptr);
     FaultyHeap::fail(0, false);
     const std::string usual = operation.run();
-    bool struck = true;
-    for (long number = 1; struck; ++number) {
-        FaultyHeap::fail(number, onwards);
-        const long before = FaultyHeap::liveBlocks();
-        const bool same = operation.run() == usual;
-        EXPECT_EQ(FaultyHeap::liveBlocks(), before) << number;
-        EXPECT_TRUE(same) << number;
-        struck = FaultyHeap::failures() != 0;
+    // What is kept once in a process, such as the time zone, comes in the first pass.
+    for (const bool isFirstPass : {true, false}) {
+        bool struck = true;
+        for (long number = 1; struck; ++number) {
+            FaultyHeap::fail(number, onwards);
+            const long before = FaultyHeap::liveBlocks();
+            const bool same = operation.run() == usual;
+            const long growth = FaultyHeap::liveBlocks() - before;
+            EXPECT_TRUE(isFirstPass || growth == 0) << number << ": " << growth;
+            EXPECT_TRUE(same) << number;
+            struck = FaultyHeap::failures() != 0;
+        }
     }
 }
 
