@@ -232,7 +232,7 @@ class IFileSystemObjectV1 {
      * delivered; asking behind them gives the status. `*count` is written in every case. */
     virtual uint32_t getExtents(uint64_t index, uint64_t offset, fso_extent* extents,
                                 uint32_t capacity, uint32_t* count) = 0;
-    /* 6 */
+    /* 6: pieces that cannot be trusted are left out; any that cannot be read is FSO_IO. */
     virtual uint32_t getMetadata(uint64_t index, fso_metadata* metadata) = 0;
     /* 7 */
     virtual uint32_t closeFile(uint64_t index) = 0;

@@ -54,7 +54,7 @@ uint64_t bit(uint64_t word, uint64_t mask) {
 class SqliteCatalogWriter : public CatalogWriter {
   public:
     explicit SqliteCatalogWriter(Session& session)
-        : m_session(session), m_result(session.options.output),
+        : m_session(session), m_result(session.options.output, AtomicFile::Until::NAMED),
           m_database(m_result.temporaryPath(), session.options.output, signalCame),
           m_map(makePhysicalMap(session)) {}
 
