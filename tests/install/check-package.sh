@@ -50,14 +50,14 @@ printf 'in the middle' | dd of="$files/sparse" bs=1 seek=50000000 conv=notrunc s
 ln -s many/name-1 "$files/link"
 cd "$work"
 PATH=$PATH:/usr/sbin:/sbin
-mke2fs -q -t ext4 -b 1024 -L demo -d files demo.img 32M
+mke2fs -q -t ext4 -b 1024 -L demo -d files demo.img 32M >/dev/null
 
 # Only the system's own libraries and the root's may serve.
 rvpmap() { env -u LD_LIBRARY_PATH -u RVPMAP_ROOT "$root/usr/bin/rvpmap" "$@"; }
 [ "$(rvpmap claim demo.img)" = secondary ] || fail "not claimed"
 rvpmap info demo.img | grep -qx 'name: *demo' || fail "no name"
 [ "$(rvpmap ls demo.img / | tr '\n' ' ')" = "link lost+found many numbers sparse " ] || fail "ls"
-rvpmap extents demo.img /sparse | tail -n 1 | grep -qx '1 extents, 1.0K' || fail "extents"
+rvpmap extents demo.img /sparse | tail -n 1 | grep -qx '1 extent, 1.0K' || fail "extents"
 rvpmap extract -r demo.img / -o restored
 rmdir restored/lost+found
 diff -r --no-dereference files restored
