@@ -13,6 +13,8 @@ bool g_libraryIsMissing = false;
 
 namespace {
 
+bool s_wasMissed = false;
+
 ByteSource* s_in = nullptr;
 long s_openFiles = 0;
 std::set<IFileSystemObjectV1*> s_claimed;   // to be closed by the provider
@@ -122,11 +124,15 @@ void scriptLibrary(ByteSource& in) {
     s_in = &in;
     s_openFiles = 0;
     g_libraryIsMissing = false;
+    s_wasMissed = false;
 }
 
 void settleLibrary() {
     require(s_openFiles == 0, "each opened file is closed once");
-    require(s_claimed.empty(), "each claimed volume is closed");
+    // A manager that could not load the library once more has lost its handle, and leaves open what
+    // it claimed before.
+    require(s_claimed.empty() || s_wasMissed, "each claimed volume is closed");
+    s_unclaimed.merge(s_claimed);
     for (IFileSystemObjectV1* object : s_unclaimed) {
         delete static_cast<HostileObject*>(object);
     }
@@ -139,6 +145,7 @@ void* __real_dlopen(const char* path, int mode);
 
 // The library's functions are found in the program itself.
 void* __wrap_dlopen(const char* /*path*/, int mode) {
+    s_wasMissed |= g_libraryIsMissing;
     return g_libraryIsMissing ? nullptr : __real_dlopen(nullptr, mode);
 }
 

@@ -119,7 +119,9 @@ class Host {
             &Host::setSectorSize, &Host::setKeepAlive,  &Host::errMsg,
             &Host::loseLibrary,
         };
-        (this->*CALLS[m_in.below(std::size(CALLS))])();
+        const std::uint8_t choice = m_in.byte();
+        m_leftOut = choice >= 0xC8 ? m_in.byte() : 0;
+        (this->*CALLS[choice % std::size(CALLS)])();
     }
 
     // What every session begins with, so that short inputs get somewhere.
@@ -155,10 +157,11 @@ class Host {
         return none[choice % std::size(none)];
     }
 
-    // An argument, now and then left out.
+    // An argument, now and then left out. The choice is made once a call, because compilers take
+    // arguments in different orders.
     template <typename Argument>
-    Argument* maybe(Argument* argument) {
-        return m_in.byte() >= 0xF4 ? nullptr : argument;
+    Argument* maybe(Argument* argument, unsigned place = 0) const {
+        return (m_leftOut >> place & 1) != 0 ? nullptr : argument;
     }
 
     int check(int result) const {
@@ -252,8 +255,8 @@ class Host {
         const Id named = id();
         kmp_obj* opened = nullptr;
         int error = 0;
-        if (check(rvp_map_open_id(of, named.get(), nullptr, maybe(&opened),
-                                  m_in.take<std::int8_t>() ^ KMP_OPEN_READ, maybe(&error),
+        const int flags = m_in.take<std::int8_t>() ^ KMP_OPEN_READ;
+        if (check(rvp_map_open_id(of, named.get(), nullptr, maybe(&opened), flags, maybe(&error, 1),
                                   nullptr)) == KMP_OK) {
             keep(opened, nullptr);
         }
@@ -268,9 +271,9 @@ class Host {
         kmp_obj* opened = nullptr;
         int error = 0;
         const std::uint64_t index = m_in.number();
-        if (checkForObject(rvp_map_open_file_index(of, fileSystem, index, maybe(&opened),
-                                                   m_in.take<std::int8_t>() ^ KMP_OPEN_READ,
-                                                   maybe(&error), nullptr)) == KMP_OK) {
+        const int flags = m_in.take<std::int8_t>() ^ KMP_OPEN_READ;
+        if (checkForObject(rvp_map_open_file_index(of, fileSystem, index, maybe(&opened), flags,
+                                                   maybe(&error, 1), nullptr)) == KMP_OK) {
             m_number = std::find_if(m_objects.begin(), m_objects.end(), [&](const OpenObject& one) {
                            return one.record == fileSystem;
                        })->instance;
@@ -304,7 +307,7 @@ class Host {
         RvpInstance* of = instance();
         kmp_obj* from = object();
         auto* in = reinterpret_cast<kmp_configid*>(m_volume.data());
-        checkForObject(rvp_map_get_configid(of, from, maybe(in), maybe(in), maybe(&result)));
+        checkForObject(rvp_map_get_configid(of, from, maybe(in), maybe(in, 1), maybe(&result, 2)));
     }
     void getExtent() {
         constexpr int CAPACITIES[] = {-1, 0, 1, 2, 7, 64, INT32_MIN, 700};
@@ -317,8 +320,8 @@ class Host {
         auto* node = reinterpret_cast<kmp_mapdomain_node*>(m_volume.data());
         const std::uint64_t offset = m_in.number();
         if (checkForObject(rvp_map_get_extent(of, from, offset, maybe(extents.data()), capacity,
-                                              maybe(&returned), maybe(&done), maybe(node))) ==
-            KMP_OK) {
+                                              maybe(&returned, 1), maybe(&done, 2),
+                                              maybe(node, 3))) == KMP_OK) {
             require(returned >= 1 && returned <= capacity && done == 1, "extents are counted");
             for (int i = 0; i < returned; ++i) {
                 require(extents[static_cast<std::size_t>(i)].length % 512 == 0,
@@ -331,7 +334,7 @@ class Host {
         int count = 0;
         RvpInstance* of = instance();
         kmp_obj* from = object();
-        checkForObject(rvp_map_get_names(of, from, m_in.byte(), maybe(&names), maybe(&count)));
+        checkForObject(rvp_map_get_names(of, from, 0, maybe(&names), maybe(&count, 1)));
     }
     void getObjProp() {
         kmp_obj_prop* property = nullptr;
@@ -376,7 +379,7 @@ class Host {
         request.bufferSize = buffer.size();
         request.position = m_in.number();
         unsigned long position = 0;
-        checkForObject(rvp_map_readdir(of, from, maybe(&request), maybe(&position)));
+        checkForObject(rvp_map_readdir(of, from, maybe(&request), maybe(&position, 1)));
     }
     void statFile() {
         kmp_file stat;
@@ -439,6 +442,7 @@ class Host {
     kmp_obj m_emptyRecord{};
     // Of the current call.
     std::size_t m_number = 0;
+    unsigned m_leftOut = 0; // a bit for each argument
     bool m_isForeign = false;
     bool m_isValidObject = false;
 };

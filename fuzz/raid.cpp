@@ -84,8 +84,8 @@ void fillV090(MemoryDisk& disk, ByteSource& in) {
 void fillV10(MemoryDisk& disk, ByteSource& in) {
     const std::uint8_t name = in.byte();
     if (name < 0xE0) {
-        const char text[] = {'m', ':', static_cast<char>('0' + name % 2), '\0'};
-        disk.put(32, text);
+        const char text[] = {'m', ':', static_cast<char>('0' + name % 2)};
+        std::copy(std::begin(text), std::end(text), disk.superblock.begin() + 32);
     } else {
         const auto bytes = in.takeBytes(32);
         std::copy(bytes.begin(), bytes.end(), disk.superblock.begin() + 32);

@@ -34,7 +34,7 @@ constexpr BaseKind BASES[] = {{"raid5", 3}, {"raid10", 4}, {"raid0", 3}, {"raid1
 constexpr std::size_t LVM_BASE = 5;
 constexpr std::size_t TEXT_INPUT = 15;
 constexpr std::size_t MAX_PATCHES = 24;
-constexpr std::size_t MAX_RANGE = 6000;
+constexpr std::size_t MAX_RANGE = 3000;
 
 // The disks of a base as files in memory, which the tool opens by name.
 class Disks {
@@ -105,7 +105,7 @@ Disks& disksOf(std::size_t number) {
 void placeText(Disks& disks, std::string_view text) {
     constexpr std::string_view MAGIC = " LVM2 x[5A%r0N*>";
     constexpr std::size_t TEXT_OFFSET = 1024;
-    constexpr std::size_t LONGEST = 16384;
+    constexpr std::size_t LONGEST = 4096;
     text = text.substr(0, LONGEST);
     const std::vector<char>& bytes = disks.image().bytes();
     const std::string_view all(bytes.data(), bytes.size());

@@ -112,7 +112,8 @@ class AreaReader {
             return "";
         }
         if (header.size <= SECTOR || text.offset < SECTOR || text.offset >= header.size ||
-            text.size > header.size - SECTOR || text.size > LARGEST_TEXT) {
+            text.size > header.size - SECTOR || text.size > LARGEST_TEXT ||
+            text.size > m_layer.size()) {
             throw SourceError("its text lies outside of it", false);
         }
         return readText(header);
