@@ -123,6 +123,7 @@ void Session::run(unsigned files) {
         describeVolume();
         std::vector<uint64_t> indices = {2};
         for (std::size_t i = 0; i < indices.size() && i < files; ++i) {
+            m_found.clear();
             visit(indices[i]);
             indices.insert(indices.end(), m_found.begin(), m_found.end());
         }
@@ -267,7 +268,7 @@ void Session::describeVolume() {
 
 void Session::visit(uint64_t index) {
     kmp_obj* file = nullptr;
-    m_found.clear();
+    bool isDirectory = false;
     step("open file", {{"3", "11"}, {"11"}}, [&](std::string& content) {
         int flags = 0;
         const int code = ask(rvp_map_open_file_index, m_instance, m_fileSystem, index, &file,
@@ -282,6 +283,7 @@ void Session::visit(uint64_t index) {
         kmp_file attributes;
         const int code = ask(rvp_map_stat_file, m_instance, file, &attributes);
         content = bytesOf(attributes);
+        isDirectory = attributes.type == KMP_FTYPE_DIRECTORY;
         return code;
     });
     step("property of the file", {{"0"}, {}}, [&](std::string& content) {
@@ -296,8 +298,10 @@ void Session::visit(uint64_t index) {
         return ask(rvp_map_get_names, m_instance, file, 0, &names, &count);
     });
     // A listing of what is no directory is a system error; short memory shows in its number.
-    step("list", {{"5", std::to_string(KMP_ERRNO_BASE + ENOMEM)}, {"11"}},
-         [&](std::string& content) { return listDirectory(file, content); });
+    if (isDirectory || listsAnything) {
+        step("list", {{"5", std::to_string(KMP_ERRNO_BASE + ENOMEM)}, {"11"}},
+             [&](std::string& content) { return listDirectory(file, content); });
+    }
     step("extents", {{"1", "3", "5"}, {"1", "11"}},
          [&](std::string& content) { return listExtents(file, content); });
     step("metadata", {{"5"}, {"11"}},

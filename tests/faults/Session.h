@@ -93,6 +93,11 @@ class Session {
     void closeVolume();
     void finish();
 
+    // What the directory that was visited last names.
+    const std::vector<uint64_t>& found() const { return m_found; }
+
+    // Whether files that are no directories are listed as well; each such error keeps two buffers.
+    bool listsAnything = true;
     Transcript transcript;
     // Answers that no fault explains, and steps that failed once more.
     std::vector<std::string> problems;
