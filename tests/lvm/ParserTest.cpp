@@ -48,6 +48,7 @@ TEST(LvmParser, TextsOfEachKind) {
         // Sections.
         {"a=1 } b=2", 0, "{a=n1}"},
         {"a{b=1", 1, "{a{b=n1}}"},
+        {"a{", 1, "{a{}}"},
         {"a}", 0, "{}"},
         {"a", 1, "{}"},
         {"a,", 1, "{}"},
