@@ -215,6 +215,9 @@ TEST_F(EntryPointTest, ChecksTheArgumentsOfManagerCalls) {
 
     log.clear();
     const struct km_objid nameless = {};
+    EXPECT_EQ(open(&nameless, &out, 1, &flags), 3);
+    EXPECT_EQ(log.lines()[0], "openId:RvpFsoFileSystemMgr <ERROR> Exception: VERIFY_PTR");
+    log.clear();
     EXPECT_EQ(rvp_map_claim_id(instance, &nameless), KM_CLAIM_NONE);
     EXPECT_EQ(rvp_map_claim_volume(instance, nullptr), KM_CLAIM_NONE);
     const auto error = StartsWith("log:Error <WARN> Error: 0x00000003");

@@ -33,26 +33,20 @@ TEST_F(FileSystemTest, CopiesTheLibrarysRecord) {
     volume = openVolume();
     std::memset(&fs, 0xAA, sizeof fs);
     ASSERT_EQ(rvp_map_stat_fs(instance, volume, &fs), 0);
-    EXPECT_EQ(fs.type, FSO_FS_EXT4);
-    EXPECT_EQ(fs.state, FSO_FS_HAS_ERRORS);
-    EXPECT_EQ(fs.preferredBlockSize, 32768U);
-    EXPECT_EQ(fs.blockSize, 4096U);
-    EXPECT_EQ(fs.usedBlocks, 16U);
-    EXPECT_EQ(fs.blockCount, 24U);
-    EXPECT_EQ(fs.freeBlocks, 32U);
-    EXPECT_EQ(fs.freeFiles, 40U);
-    EXPECT_EQ(fs.fileCount, 128U) << "rounded up to 64";
-    EXPECT_EQ(fs.volumeId, 0xF7F6F5F4F3F2F1F0U);
+    EXPECT_THAT(
+        (std::vector{fs.type, fs.state, fs.preferredBlockSize, fs.blockSize, fs.usedBlocks,
+                     fs.blockCount, fs.freeBlocks, fs.freeFiles, fs.fileCount, fs.volumeId}),
+        ElementsAre(FSO_FS_EXT4, FSO_FS_HAS_ERRORS, 32768, 4096, 16, 24, 32, 40,
+                    128, // rounded up to 64
+                    0xF7F6F5F4F3F2F1F0));
     EXPECT_STREQ(fs.nameSpace, "dorado");
     EXPECT_EQ(fs.maxNameLength, 255U);
     EXPECT_EQ(fs.reserved0[0], 0);
 
     ASSERT_EQ(rvp_map_get_obj_prop(instance, volume, &property), 0);
-    EXPECT_EQ(property->kind, 7U);
-    EXPECT_EQ(property->blockSize, 4096U);
-    EXPECT_EQ(property->size, 4096U * 24);
-    EXPECT_EQ(property->value104, 1U);
-    EXPECT_EQ(property->value112, 1U);
+    EXPECT_THAT((std::vector<uint64_t>{property->kind, property->blockSize, property->size,
+                                       property->value104, property->value112}),
+                ElementsAre(7, 4096, 4096 * 24, 1, 1));
 
     char* name = nullptr;
     EXPECT_EQ(control(KMP_OCVOLUMENAME, &name), 0);

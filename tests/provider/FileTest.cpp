@@ -5,6 +5,7 @@
 #include "RvpFsoFile.h"
 #include "RvpFsoFileSystem.h"
 #include "RvpFsoFileSystemMgr.h"
+#include "support/Raised.h"
 
 #include <cerrno>
 #include <cstring>
@@ -86,19 +87,15 @@ TEST_F(FileTest, CopiesTheLibrarysFileRecord) {
     kmp_file stat;
     std::memset(&stat, 0xAA, sizeof stat);
     ASSERT_EQ(rvp_map_stat_file(instance, file, &stat), 0);
-    EXPECT_EQ(stat.mode, S_IFREG | 0640U);
-    EXPECT_EQ(stat.linkCount, 2U);
-    EXPECT_EQ(stat.type, 1U);
-    EXPECT_EQ(stat.owner, 0x0000006400000064U);
-    EXPECT_EQ(stat.size, 12345U);
-    EXPECT_EQ(stat.blocks, 24U);
-    EXPECT_EQ(stat.device, 40U);
-    EXPECT_EQ(stat.accessTime.seconds, 2208988799U);
-    EXPECT_EQ(stat.accessTime.fraction, 1U);
-    EXPECT_EQ(stat.modifyTime.seconds, 2208988802U);
-    EXPECT_EQ(stat.changeTime.fraction, 5U);
-    EXPECT_EQ(stat.createTime.seconds, 2208988806U);
-    EXPECT_EQ(stat.index, 80U);
+    EXPECT_THAT((std::vector<uint64_t>{stat.mode, stat.linkCount, stat.type, stat.owner, stat.size,
+                                       stat.blocks, stat.device, stat.index}),
+                ElementsAre(S_IFREG | 0640U, 2, 1, 0x0000006400000064, 12345, 24, 40, 80));
+    EXPECT_THAT((std::vector<uint64_t>{stat.accessTime.seconds, stat.modifyTime.seconds,
+                                       stat.changeTime.seconds, stat.createTime.seconds}),
+                ElementsAre(2208988799, 2208988802, 2208988804, 2208988806));
+    EXPECT_THAT((std::vector{stat.accessTime.fraction, stat.modifyTime.fraction,
+                             stat.changeTime.fraction, stat.createTime.fraction}),
+                ElementsAre(1, 3, 5, 7));
     EXPECT_EQ(stat.reserved0[0], 0);
 
     kmp_obj_prop* property = nullptr;
@@ -137,6 +134,13 @@ TEST_F(FileTest, ReadsDirectoriesOnly) {
     EXPECT_EQ(request.resultCount, 48U);
     EXPECT_EQ(entries, 0xAAAAAAAA00000003UL) << "the library counts in the low half";
     EXPECT_EQ(request.error, 0U);
+    auto* direct = static_cast<RvpFsoFile*>(static_cast<RvpFsoObject*>(file->provider));
+    EXPECT_EQ(raisedBy([&] { direct->readDir(nullptr, &entries); }),
+              "3 plugin/dorado/RvpFsoFile readDir");
+    EXPECT_EQ(raisedBy([&] { direct->readDir(&request, nullptr); }),
+              "3 plugin/dorado/RvpFsoFile readDir");
+    EXPECT_EQ(raisedBy([&] { direct->statFile(nullptr); }), "3 plugin/dorado/RvpFsoFile statFile");
+
     script->readDirStatus = FSO_NO_MEMORY;
     EXPECT_EQ(rvp_map_readdir(instance, file, &request, &entries), 5);
     EXPECT_EQ(request.error, 5U);

@@ -121,6 +121,10 @@ TEST(Logging, HandsReportsToTheHost) {
     LogHelper::plugin_ereport(2, "two");
     using Report = std::pair<std::string, int>;
     EXPECT_THAT(s_reports, ElementsAre(Report{"zero 1", 10}, Report{"one", 8}, Report{"two", 9}));
+    LogCapture log;
+    plugin_report_claim(KM_CLAIM_PRIMARY, "v");
+    EXPECT_THAT(log.lines(),
+                ElementsAre("plugin_report_claim:LogHelper.h <WARN> Invalid claim type"));
 }
 
 void traced(const char* file, int level) {

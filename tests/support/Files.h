@@ -2,9 +2,11 @@
 #ifndef TESTS_FILES_H
 #define TESTS_FILES_H
 
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <stdexcept>
 #include <string>
 
 // A folder that goes with its object, and what tests left in it.
@@ -37,8 +39,25 @@ inline void writeFile(const std::string& path, const std::string& content) {
 
 // The file's bytes; none when there is no file.
 inline std::string readFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    std::ifstream file(path, std::ios::binary | std::ios::ate);
+    std::string content(file ? static_cast<std::size_t>(file.tellg()) : 0, '\0');
+    file.seekg(0);
+    file.read(content.data(), static_cast<std::streamsize>(content.size()));
+    return content;
+}
+
+// What a shell command prints, with the administrator's folders in PATH; throws unless it succeeds.
+inline std::string outputOf(const std::string& command) {
+    FILE* pipe = popen(("PATH=$PATH:/usr/sbin:/sbin; " + command).c_str(), "r");
+    std::string output;
+    char buffer[65536];
+    while (const std::size_t got = fread(buffer, 1, sizeof buffer, pipe)) {
+        output.append(buffer, got);
+    }
+    if (pclose(pipe) != 0) {
+        throw std::runtime_error(command + ": failed: " + output);
+    }
+    return output;
 }
 
 #endif
