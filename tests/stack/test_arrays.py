@@ -186,6 +186,7 @@ class ComposedArrays(StackTest):
         names = self.write([images[0], self.changed(images[1], {76: 0}), images[2]])
         self.check_refused("md0", names, "members that disagree on what it is: d0 and d1")
         for changes, words in (({136: 8}, "smaller than the array's members"),
+                               ({8: 1 << 13}, "features that are not known"),
                                ({92: 0}, "its number of disks makes no sense"),
                                ({128: 0}, "the place of the data makes no sense")):
             names = self.write([images[0], self.changed(images[1], changes), images[2]])

@@ -33,7 +33,6 @@ constexpr uint64_t LARGEST_SECTOR = UINT64_C(1) << 43; // bytes of 1920 members 
 constexpr uint64_t CREATION_SECONDS_MASK = (UINT64_C(1) << 40) - 1; // microseconds lie above
 constexpr uint64_t NEVER_OUT_OF_SYNC = UINT64_MAX;
 constexpr uint16_t FAULTY_ROLE = 0xFFFE; // the others have names in md_p.h
-constexpr uint32_t RAID0_LAYOUT_FEATURE = 4096;
 constexpr uint32_t PARTIAL_LOG_FEATURES = MD_FEATURE_PPL | MD_FEATURE_MULTIPLE_PPLS;
 constexpr uint32_t RESHAPE_FEATURES = MD_FEATURE_RESHAPE_ACTIVE | MD_FEATURE_NEW_OFFSET;
 
@@ -210,6 +209,9 @@ class Reader {
         if (disk.raid_disks == 0 || disk.raid_disks > LONGEST_ROLE_TABLE) {
             return reject(place, "its number of disks makes no sense");
         }
+        if ((disk.feature_map & ~static_cast<uint32_t>(MD_FEATURE_ALL)) != 0) {
+            return reject(place, "it uses features that are not known");
+        }
         if (!dataMakesSense(disk, place)) {
             return reject(place, "the place of the data makes no sense");
         }
@@ -231,7 +233,7 @@ class Reader {
         found.journal = (disk.feature_map & MD_FEATURE_JOURNAL) != 0;
         found.partialLog = (disk.feature_map & PARTIAL_LOG_FEATURES) != 0;
         found.badBlocks = (disk.feature_map & MD_FEATURE_BAD_BLOCKS) != 0;
-        found.zonesAreNamed = (disk.feature_map & RAID0_LAYOUT_FEATURE) != 0;
+        found.zonesAreNamed = (disk.feature_map & MD_FEATURE_RAID0_LAYOUT) != 0;
         found.raw = buffer;
         setRole(found, disk);
         return found;
