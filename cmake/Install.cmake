@@ -22,3 +22,13 @@ foreach(library dorado kmhost)
     configure_file(cmake/${library}.pc.in ${library}.pc @ONLY)
     install(FILES ${PROJECT_BINARY_DIR}/${library}.pc DESTINATION lib/pkgconfig)
 endforeach()
+
+# What is read: man pages (the tool installs its own), the pages of docs/, the package's papers.
+install(FILES docs/libdorado.3 DESTINATION share/man/man3)
+install(FILES docs/libfso.7 DESTINATION share/man/man7)
+install(FILES README.md DESTINATION share/doc/dorado)
+install(DIRECTORY docs/ DESTINATION share/doc/dorado/docs FILES_MATCHING PATTERN "*.md"
+        PATTERN "*.svg" PATTERN package EXCLUDE)
+install(DIRECTORY examples DESTINATION share/doc/dorado)
+install(FILES docs/package/copyright docs/package/changelog DESTINATION share/doc/dorado)
+install(FILES docs/package/lintian-overrides DESTINATION share/lintian/overrides RENAME dorado)

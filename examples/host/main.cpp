@@ -1,81 +1,60 @@
-// A host in its smallest form: claims a volume image and prints the byte runs of one file.
+// A whole host: prints the byte runs of one file of a volume.
 //   host ROOT IMAGE INDEX
 // ROOT is where dorado is installed, INDEX the file's index (on ext, its inode number).
 #include "fso/IFileSystemObjectV1.h"
 #include "kmp/rvp_map.h"
-
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
 
-namespace {
+static RvpInstance* provider;
 
 // The provider reads the volume through this alone.
-bool readImage(void* context, unsigned long offset, unsigned long length, char* buffer) {
-    const int image = *static_cast<const int*>(context);
-    return pread(image, buffer, length, static_cast<off_t>(offset)) == static_cast<ssize_t>(length);
+static bool readImage(void* image, unsigned long offset, unsigned long length, char* buffer) {
+    const ssize_t got =
+        pread(*static_cast<int*>(image), buffer, length, static_cast<off_t>(offset));
+    return got >= 0 && static_cast<unsigned long>(got) == length;
 }
 
-void printError(kmp_ehandler*, const char* english, const char*, int) {
-    std::fprintf(stderr, "provider: %s\n", english);
+static void check(int code) {
+    char* text = nullptr;
+    if (code != 0) {
+        rvp_map_errmsg(provider, code, &text);
+        std::fprintf(stderr, "code %d: %s\n", code, text != nullptr ? text : "");
+        std::exit(3);
+    }
 }
 
-void printRuns(RvpInstance* provider, kmp_obj* file) {
+static void printRuns(kmp_obj* file) {
     auto* unused = reinterpret_cast<kmp_mapdomain_node*>(provider);
-    unsigned long offset = 0;
     kmp_extent run = {};
-    while ((run.flags & FSO_EXTENT_LAST) == 0) {
-        int count = 0;
-        int done = 0;
-        if (rvp_map_get_extent(provider, file, offset, &run, 1, &count, &done, unused) != 0) {
-            return;
-        }
-        std::printf("%12lu %12lu %10lu %#x\n", offset, run.offset, run.length, run.flags);
-        offset += (run.flags & FSO_EXTENT_INLINE) != 0 ? run.flags >> FSO_EXTENT_INLINE_LENGTH_SHIFT
-                                                       : run.length;
+    for (unsigned long at = 0; (run.flags & FSO_EXTENT_LAST) == 0; at += run.length) {
+        int count = 0, done = 0;
+        check(rvp_map_get_extent(provider, file, at, &run, 1, &count, &done, unused));
+        std::printf("%12lu %12lu %10lu %#x\n", at, run.offset, run.length, run.flags);
+        if ((run.flags & FSO_EXTENT_INLINE) != 0) // lengths are rounded up to sectors
+            run.length = run.flags >> FSO_EXTENT_INLINE_LENGTH_SHIFT;
     }
 }
 
-} // namespace
-
-int main(int argc, char** argv) {
-    if (argc != 4) {
-        return 2;
-    }
-    km_root = argv[1];
-    int image = open(argv[2], O_RDONLY);
-    kmp_ehandler errors = {printError};
-    RvpInstance* provider = nullptr;
-    int version = 0;
-    if (image < 0 || rvp_map_init(&provider, &errors, &version) != 0) {
-        return 3;
-    }
-    rvp_map_set_logical_sector_size(provider, 512);
-    rvp_map_set_volume_read_callback(provider, readImage, &image);
-
-    int status = 1;
-    if (rvp_map_claim_volume(provider, argv[2]) != KM_CLAIM_NONE) {
-        struct km_objid* id = km_objid(argv[2], static_cast<int>(std::strlen(argv[2]) + 1), 3);
-        kmp_obj* volume = nullptr;
-        kmp_obj* file = nullptr;
-        int flags = 0;
-        rvp_map_open_id(provider, id, nullptr, &volume, KMP_OPEN_READ, &flags, nullptr);
-        if (volume != nullptr &&
-            rvp_map_open_file_index(provider, volume, std::strtoul(argv[3], nullptr, 0), &file,
-                                    KMP_OPEN_READ, &flags, nullptr) == 0) {
-            std::printf("%12s %12s %10s %s\n", "file offset", "on volume", "length", "flags");
-            printRuns(provider, file);
-            rvp_map_close(provider, file);
-            status = 0;
-        }
-        if (volume != nullptr) {
-            rvp_map_close(provider, volume);
-        }
-        km_free_objid(id);
-    }
+int main(int count, char** arguments) {
+    int image = count == 4 ? open(arguments[2], O_RDONLY) : -1, version = 0, flags = 0;
+    check(image < 0 ? KMP_EINVAL : KMP_OK);
+    km_root = arguments[1];
+    check(rvp_map_init(&provider, nullptr, &version));
+    check(rvp_map_set_logical_sector_size(provider, 512));
+    check(rvp_map_set_volume_read_callback(provider, readImage, &image));
+    if (rvp_map_claim_volume(provider, "volume") == KM_CLAIM_NONE)
+        return 1;
+    auto* id = km_objid("volume", sizeof "volume", KM_OBJID_FSO);
+    unsigned long index = std::strtoul(arguments[3], nullptr, 0);
+    kmp_obj *volume = nullptr, *file = nullptr;
+    check(rvp_map_open_id(provider, id, nullptr, &volume, KMP_OPEN_READ, &flags, nullptr));
+    check(rvp_map_open_file_index(provider, volume, index, &file, 1, &flags, nullptr));
+    printRuns(file);
+    check(rvp_map_close(provider, file));
+    check(rvp_map_close(provider, volume));
+    km_free_objid(id);
     rvp_map_fini(provider);
-    close(image);
-    return status;
 }

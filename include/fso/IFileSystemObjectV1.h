@@ -58,9 +58,9 @@ using fso_keep_alive_callback = int (*)(void* context);
 
 /* What the library says of itself, a chain: one record a file system reader, say. */
 struct fso_info {
-    const char* name;
-    const char* version;
-    const char* build;
+    const char* name;     /* of the reader */
+    const char* version;  /* of the library */
+    const char* build;    /* what it is built on */
     const fso_info* next; /* null at the end */
 };
 static_assert(sizeof(fso_info) == 32);
@@ -79,6 +79,7 @@ enum fso_fs_state : uint32_t {
     FSO_FS_HAS_ERRORS = 0x2      /* the file system is marked as damaged */
 };
 
+/* A file system. */
 struct fso_fs_record {
     uint32_t type;          /*   0: fso_fs_type */
     uint32_t state;         /*   4: fso_fs_state bits */
@@ -112,6 +113,7 @@ struct fso_time {
 };
 static_assert(sizeof(fso_time) == 8);
 
+/* A file's attributes. */
 struct fso_file_record {
     uint64_t mode;       /*  0: Linux file mode: type and permissions */
     uint64_t linkCount;  /*  8 */
@@ -186,6 +188,7 @@ struct fso_dir_entry {
     uint32_t reserved28;   /* 28 */
     /* 32: the name, any bytes but NUL, and a NUL */
 };
+/* Where the name begins in an entry, bytes. */
 constexpr std::size_t FSO_DIR_ENTRY_NAME_OFFSET = 32;
 static_assert(offsetof(fso_dir_entry, next) == 8 && offsetof(fso_dir_entry, recordLength) == 16);
 static_assert(offsetof(fso_dir_entry, nameLength) == 20 && offsetof(fso_dir_entry, type) == 24);
@@ -196,6 +199,7 @@ struct fso_metadata_piece {
     uint64_t address; /* 0 where there is none */
     uint64_t length;  /* bytes */
 };
+/* The three pieces. */
 struct fso_metadata {
     fso_metadata_piece inode;          /*  0: the inode as it lies on the volume */
     fso_metadata_piece attributeBlock; /* 16: the extended-attribute block as it lies there */
@@ -232,7 +236,7 @@ class IFileSystemObjectV1 {
      * delivered; asking behind them gives the status. `*count` is written in every case. */
     virtual uint32_t getExtents(uint64_t index, uint64_t offset, fso_extent* extents,
                                 uint32_t capacity, uint32_t* count) = 0;
-    /* 6 */
+    /* 6: pieces that cannot be trusted are left out; any that cannot be read is FSO_IO. */
     virtual uint32_t getMetadata(uint64_t index, fso_metadata* metadata) = 0;
     /* 7 */
     virtual uint32_t closeFile(uint64_t index) = 0;

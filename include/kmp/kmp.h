@@ -16,6 +16,7 @@
 
 #ifdef __cplusplus
 #define KMP_LAYOUT(record, field, at) static_assert(offsetof(record, field) == (at))
+/* Asserts the size of a record. */
 #define KMP_SIZE(record, bytes) static_assert(sizeof(record) == (bytes))
 extern "C" {
 #else
@@ -251,7 +252,7 @@ KMP_SIZE(kmp_obj_prop, 136);
 
 /* Link property, compared and copied whole. */
 typedef struct kmp_obj_link_prop {
-    uint64_t reserved0[16];
+    uint64_t reserved0[16]; /* 0 */
 } kmp_obj_link_prop;
 KMP_SIZE(kmp_obj_link_prop, 128);
 
@@ -299,17 +300,18 @@ KMP_SIZE(kmp_extfile, 224);
 
 /* Object statistics; this provider keeps none and answers all zero. */
 typedef struct kmp_stats {
-    uint64_t values[180];
+    uint64_t values[180]; /* 0 */
 } kmp_stats;
 KMP_SIZE(kmp_stats, 1440);
 
 /* Records that the provider passes through without looking inside. */
 typedef struct kmp_configid kmp_configid;
-typedef struct kmp_name kmp_name;
-typedef struct kmp_mapdomain_node kmp_mapdomain_node;
+typedef struct kmp_name kmp_name;                     /* names of an object */
+typedef struct kmp_mapdomain_node kmp_mapdomain_node; /* place in the host's map */
 
 /* The host's error handler. The texts are good during the call; `localized` may be null. */
 typedef struct kmp_ehandler {
+    /* Takes one error; severity is a kmp_eseverity. */
     void (*handler)(struct kmp_ehandler* self, const char* english, const char* localized,
                     int severity);
 } kmp_ehandler;
@@ -339,19 +341,22 @@ void km_report_provider_msg(const char* text, int kind);
 
 /* Bounded string functions, always terminating; they return the length that was asked for. */
 size_t V_strlcpy(char* to, const char* from, size_t size);
+/* Appends, to at most `size` bytes in all. */
 size_t V_strlcat(char* to, const char* from, size_t size);
 #if defined(__GNUC__)
 __attribute__((format(printf, 3, 4)))
 #endif
+/* Formats as printf does. */
 int V_snprintf(char* to, size_t size, const char* format, ...);
 #if defined(__GNUC__)
 __attribute__((format(printf, 3, 0)))
 #endif
+/* The same with the arguments of another function. */
 int V_vsnprintf(char* to, size_t size, const char* format, va_list arguments);
 
 /* 16 bytes that are unique in the world. */
 typedef struct RGUID {
-    uint8_t bytes[16];
+    uint8_t bytes[16]; /* in the order of their text */
 } RGUID;
 /* Fills a new GUID; 0 is success. */
 int RGUIDCreate(struct RGUID* guid);

@@ -44,7 +44,9 @@ int rvp_map_open_file_index(RvpInstance* instance, kmp_obj* fileSystem, unsigned
  * files of a file system before it. */
 int rvp_map_close(RvpInstance* instance, kmp_obj* object);
 
+/* Of files, which have no configuration (4); on a file system it gives 3. */
 int rvp_map_check_configid(RvpInstance* instance, kmp_obj* object, int* result);
+/* Not supported (4). */
 int rvp_map_get_configid(RvpInstance* instance, kmp_obj* object, const kmp_configid* in,
                          kmp_configid* out, int* result);
 /* Up to `count` runs of a file from byte `offset` on; `*returned` counts them, `*done` is set to 1.
@@ -53,10 +55,12 @@ int rvp_map_get_configid(RvpInstance* instance, kmp_obj* object, const kmp_confi
 int rvp_map_get_extent(RvpInstance* instance, kmp_obj* object, unsigned long offset,
                        kmp_extent* extents, int count, int* returned, int* done,
                        kmp_mapdomain_node* node);
+/* Of files only; names are not supported (4). */
 int rvp_map_get_names(RvpInstance* instance, kmp_obj* object, int which, kmp_name** names,
                       int* count);
 /* `*properties` points to a record that lives until the object is closed. */
 int rvp_map_get_obj_prop(RvpInstance* instance, kmp_obj* object, kmp_obj_prop** properties);
+/* Zeroes the record: no statistics are kept. */
 int rvp_map_get_obj_stats(RvpInstance* instance, kmp_obj* object, kmp_stats* stats);
 /* `command` is one of kmp_objctl. */
 int rvp_map_objctl(RvpInstance* instance, kmp_obj* object, int command, void* argument);
@@ -64,7 +68,9 @@ int rvp_map_objctl(RvpInstance* instance, kmp_obj* object, int command, void* ar
  * low 32 bits of `*position`: set it to 0 before. */
 int rvp_map_readdir(RvpInstance* instance, kmp_obj* object, kmp_io_req* request,
                     unsigned long* position);
+/* Attributes of a file; the size of a directory is 0. */
 int rvp_map_stat_file(RvpInstance* instance, kmp_obj* object, kmp_file* stat);
+/* Statistics of a file system, as they were when it was opened. */
 int rvp_map_stat_fs(RvpInstance* instance, kmp_obj* fileSystem, kmp_fs* stat);
 /* Accepted and without effect: unallocated space is never excluded. */
 int rvp_map_fs_exclude_unallocated(RvpInstance* instance, kmp_obj* fileSystem);
@@ -75,11 +81,12 @@ int rvp_map_set_volume_read_callback(RvpInstance* instance,
                                      bool (*read)(void* context, unsigned long offset,
                                                   unsigned long length, char* buffer),
                                      void* context);
-/* The next two are kept; nothing calls them. */
+/* Kept; nothing calls it. */
 int rvp_map_set_volume_optimize_callback(RvpInstance* instance,
                                          bool (*optimize)(void*, unsigned long, unsigned long,
                                                           bool),
                                          void* context);
+/* Kept, too. */
 int rvp_map_set_volume_extent_callback(RvpInstance* instance,
                                        bool (*extent)(void*, unsigned long, unsigned long,
                                                       unsigned long&, bool&),

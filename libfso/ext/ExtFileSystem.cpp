@@ -45,6 +45,23 @@ bool isReadable(Volume& volume, const ext2_super_block& super) {
     return unknown == 0;
 }
 
+// For libext2fs' own needs: it asks for inodes when it verifies checksums. Its cache of inodes,
+// which would be made otherwise, brings the process down when memory is short at that moment.
+errcode_t readShortInode(ext2_filsys fs, ext2_ino_t number, ext2_inode* inode) {
+    std::uint64_t offset = 0;
+    if (number == 0 || number > fs->super->s_inodes_count ||
+        ext2fs_group_of_ino(fs, number) >= fs->group_desc_count) {
+        return EXT2_ET_BAD_INODE_NUM;
+    }
+    if (const errcode_t error = locateInode(fs, number, offset)) {
+        return error;
+    }
+    auto* volume = static_cast<Volume*>(fs->priv_data);
+    return volume->read(offset, sizeof(*inode), reinterpret_cast<char*>(inode))
+               ? 0
+               : EXT2_ET_SHORT_READ;
+}
+
 fso_fs_type typeOf(const ext2_super_block& super) {
     if ((super.s_feature_incompat & ~OLD_INCOMPAT) != 0 ||
         (super.s_feature_ro_compat & ~OLD_RO_COMPAT) != 0) {
@@ -72,7 +89,10 @@ fso_status statusOf(errcode_t error) {
 }
 
 ExtFileSystem::ExtFileSystem(Volume& volume, Handle handle)
-    : m_volume(volume), m_handle(std::move(handle)), m_trustedGroup(NO_GROUP) {}
+    : m_volume(volume), m_handle(std::move(handle)), m_trustedGroup(NO_GROUP) {
+    m_handle->priv_data = &volume;
+    m_handle->read_inode = readShortInode;
+}
 
 std::unique_ptr<ExtFileSystem> ExtFileSystem::open(Volume& volume) {
     ext2_super_block super;
@@ -174,7 +194,7 @@ fso_status ExtFileSystem::readInode(std::uint64_t index, ExtInode& inode) {
          inGroup >= super().s_inodes_per_group - ext2fs_bg_itable_unused(handle(), group))) {
         return FSO_NOT_FOUND;
     }
-    const errcode_t error = inode.read(handle(), number);
+    const errcode_t error = inode.read(m_volume, handle(), number);
     if (error != 0) {
         m_volume.report(FS_LOG_WARNING, "ext: inode %u %s", number,
                         error == EXT2_ET_INODE_CSUM_INVALID ? "has a wrong checksum"

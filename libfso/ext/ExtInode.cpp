@@ -33,20 +33,32 @@ std::uint64_t makeDevice(const std::uint32_t* words) {
 
 } // namespace
 
-errcode_t ExtInode::read(ext2_filsys fs, ext2_ino_t number) {
+errcode_t locateInode(ext2_filsys fs, ext2_ino_t number, std::uint64_t& offset) {
+    const std::uint64_t table = ext2fs_inode_table_loc(fs, ext2fs_group_of_ino(fs, number));
+    if (table < std::max(fs->super->s_first_data_block, 1U) ||
+        table + fs->inode_blocks_per_group > ext2fs_blocks_count(fs->super)) {
+        return EXT2_ET_GDESC_BAD_INODE_TABLE;
+    }
+    const std::uint64_t inGroup = (number - 1) % fs->super->s_inodes_per_group;
+    offset = table * fs->blocksize + inGroup * static_cast<unsigned>(EXT2_INODE_SIZE(fs->super));
+    return 0;
+}
+
+errcode_t ExtInode::read(Volume& volume, ext2_filsys fs, ext2_ino_t number) {
     forget();
     m_bytes.resize(static_cast<std::size_t>(EXT2_INODE_SIZE(fs->super)));
-    const errcode_t error =
-        ext2fs_read_inode_full(fs, number, reinterpret_cast<ext2_inode*>(m_bytes.data()),
-                               static_cast<int>(m_bytes.size()));
-    if (error != 0) {
+    if (const errcode_t error = locateInode(fs, number, m_volumeOffset)) {
         return error;
+    }
+    if (!volume.read(m_volumeOffset, m_bytes.size(), m_bytes.data())) {
+        return EXT2_ET_SHORT_READ;
     }
     m_fields = {};
     std::memcpy(&m_fields, m_bytes.data(), std::min(m_bytes.size(), sizeof(m_fields)));
-    const std::uint32_t group = ext2fs_group_of_ino(fs, number);
-    const std::uint64_t inGroup = (number - 1) % fs->super->s_inodes_per_group;
-    m_volumeOffset = ext2fs_inode_table_loc(fs, group) * fs->blocksize + inGroup * m_bytes.size();
+    if (!ext2fs_inode_csum_verify(fs, number,
+                                  reinterpret_cast<ext2_inode_large*>(m_bytes.data()))) {
+        return EXT2_ET_INODE_CSUM_INVALID;
+    }
     m_size = m_fields.i_size;
     if (type() == LINUX_S_IFREG || (isDirectory() && ext2fs_has_feature_largedir(fs->super))) {
         m_size |= std::uint64_t{m_fields.i_size_high} << 32;

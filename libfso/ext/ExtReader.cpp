@@ -121,8 +121,12 @@ fso_status ExtReader::getMetadata(std::uint64_t index, fso_metadata& metadata) {
     if (kept == nullptr) {
         auto made = std::make_unique<Metadata>();
         made->inode.assign(inode->bytes().begin(), inode->bytes().end());
-        made->attributeBlock = readAttributeBlock(*inode);
-        made->linkTarget = readLinkTarget(*inode);
+        if (const fso_status status = readAttributeBlock(*inode, made->attributeBlock)) {
+            return status;
+        }
+        if (const fso_status status = readLinkTarget(*inode, made->linkTarget)) {
+            return status;
+        }
         kept = std::move(made);
     }
     metadata.inode = pieceOf(kept->inode);
@@ -131,49 +135,56 @@ fso_status ExtReader::getMetadata(std::uint64_t index, fso_metadata& metadata) {
     return FSO_OK;
 }
 
-// Empty where there is none or it cannot be trusted.
-std::vector<char> ExtReader::readAttributeBlock(const ExtInode& inode) {
+// Empty where there is none or it cannot be trusted; FSO_IO where it cannot be read, which may be
+// over the next time.
+fso_status ExtReader::readAttributeBlock(const ExtInode& inode, std::vector<char>& bytes) {
     ext2_inode_large fields = inode.fields();
     const std::uint64_t block = ext2fs_file_acl_block(m_fs->handle(), ext2fs_inode(&fields));
     if (block == 0) {
-        return {};
+        return FSO_OK;
     }
-    std::vector<char> bytes(m_fs->blockSize());
-    if (m_fs->isFileSpace(block, 1) && m_fs->readBlock(block, bytes.data()) == FSO_OK &&
-        ext2fs_ext_attr_block_csum_verify(m_fs->handle(), inode.number(), block,
-                                          reinterpret_cast<ext2_ext_attr_header*>(bytes.data())) !=
-            0) {
-        return bytes;
+    if (m_fs->isFileSpace(block, 1)) {
+        bytes.resize(m_fs->blockSize());
+        if (const fso_status status = m_fs->readBlock(block, bytes.data())) {
+            return status;
+        }
+        if (ext2fs_ext_attr_block_csum_verify(
+                m_fs->handle(), inode.number(), block,
+                reinterpret_cast<ext2_ext_attr_header*>(bytes.data())) != 0) {
+            return FSO_OK;
+        }
+        bytes.clear();
     }
     m_fs->volume().report(FS_LOG_WARNING, "ext: inode %u: the attribute block %llu is left out",
                           inode.number(), static_cast<unsigned long long>(block));
-    return {};
+    return FSO_OK;
 }
 
-// Empty where there is none or it cannot be read whole.
-std::vector<char> ExtReader::readLinkTarget(const ExtInode& inode) {
+// The same for a link's target.
+fso_status ExtReader::readLinkTarget(const ExtInode& inode, std::vector<char>& target) {
     if (!inode.isLink() || inode.size() == 0) {
-        return {};
+        return FSO_OK;
     }
-    std::vector<char> target;
     while (inode.size() <= m_fs->blockSize() && target.size() < inode.size()) {
         fso_extent run{};
         std::uint32_t count = 0;
-        if (listRuns(*m_fs, m_nodes, inode, target.size(), {&run, 1}, count) != FSO_OK ||
-            (run.flags & (FSO_EXTENT_HOLE | FSO_EXTENT_UNWRITTEN)) != 0) {
+        const fso_status status = listRuns(*m_fs, m_nodes, inode, target.size(), {&run, 1}, count);
+        if (status == FSO_IO) {
+            return FSO_IO;
+        }
+        if (status != FSO_OK || (run.flags & (FSO_EXTENT_HOLE | FSO_EXTENT_UNWRITTEN)) != 0) {
             break;
         }
         const std::size_t before = target.size();
         target.resize(before + std::min<std::uint64_t>(run.length, inode.size() - before));
         if (!m_fs->volume().read(run.offset, target.size() - before, target.data() + before)) {
-            target.resize(before);
-            break;
+            return FSO_IO;
         }
     }
     if (target.size() < inode.size()) {
         m_fs->volume().report(FS_LOG_WARNING, "ext: inode %u: the link's target is left out",
                               inode.number());
-        return {};
+        target.clear();
     }
-    return target;
+    return FSO_OK;
 }

@@ -44,8 +44,8 @@ class ExtReader final : public Reader {
     };
 
     fso_status inodeFor(std::uint64_t index, const ExtInode** inode);
-    std::vector<char> readAttributeBlock(const ExtInode& inode);
-    std::vector<char> readLinkTarget(const ExtInode& inode);
+    fso_status readAttributeBlock(const ExtInode& inode, std::vector<char>& bytes);
+    fso_status readLinkTarget(const ExtInode& inode, std::vector<char>& target);
 
     std::unique_ptr<ExtFileSystem> m_fs;
     MapNodes m_nodes;

@@ -146,14 +146,17 @@ int RvpFsoFileSystemMgr::claim(const char* volumeName) {
     auto* openObject =
         findSymbol<decltype(openFileSystemObject)>(libraryHandle, "openFileSystemObject");
     VERIFY_PTR(openObject, KMP_EINVAL);
-    IFileSystemObjectV1* fso = nullptr;
+    // The place in the list comes first: an object that is open must not be lost.
+    decltype(volumes) claimed;
+    claimed.emplace_back(volumeName, nullptr);
+    IFileSystemObjectV1*& fso = claimed.front().second;
     const uint32_t status = openObject(&fso, logicalSectorSize, readCallback, readContext,
                                        FSOLogCallback, keepAliveCallback);
     int answer = KM_CLAIM_NONE;
     // An object that does not recognise the volume is left open: libraries count on being asked to
     // close claimed volumes only.
     if (status == FSO_OK && fso != nullptr && fso->recognise()) {
-        volumes.emplace_back(volumeName, fso);
+        volumes.splice(volumes.end(), claimed);
         answer = KM_CLAIM_SECONDARY;
     }
     plugin_report_claim(answer, volumeName);

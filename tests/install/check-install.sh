@@ -24,7 +24,7 @@ mke2fs -q -t ext4 -d "$work/files" "$work/image" 8M
 inode=$(debugfs -R 'stat /numbers' "$work/image" 2>/dev/null | sed -n 's/^Inode: \([0-9]*\).*/\1/p')
 "$work/host/host" "$work/root" "$work/image" "$inode" >"$work/runs"
 "$work/host/host2" "$work/root" "$work/image" "$inode" | cmp - "$work/runs"
-first=$(awk 'NR == 2 {print $2}' "$work/runs")
+first=$(awk 'NR == 1 {print $2}' "$work/runs")
 dd if="$work/image" bs=1 skip="$first" count=20 status=none | head -n 3 | tr '\n' ' ' | grep -q '^1 2 3 '
 "$work/root/bin/rvpmap" stat --json "$work/image" /numbers >/dev/null
 

@@ -38,9 +38,7 @@ void makeFolder(const Image& image, const std::string& name, const std::string& 
 TEST(DirectoryTest, TwentyThousandEntriesPlainAndHashed) {
     constexpr std::size_t blockSize = 1024;
     constexpr std::size_t perBlock = 20;
-    TemporaryFolder source;
-    writeFile(source / "file", "x");
-    const Image image("-t ext4 -b 1024 -O ^metadata_csum", "16M", source / "");
+    const Image image = Image::withFile("-t ext4 -b 1024 -O ^metadata_csum", "16M", "x");
     const std::uint64_t file = Host(image).find("/file");
     std::string content = rawEntry(2, ".", 12) + rawEntry(2, "..", blockSize - 12);
     std::set<std::string> names;
@@ -54,7 +52,7 @@ TEST(DirectoryTest, TwentyThousandEntriesPlainAndHashed) {
     makeFolder(image, "many", content);
     for (const bool hashed : {false, true}) {
         if (hashed) {
-            run("e2fsck -fyD '" + image.path() + "' >/dev/null 2>&1; test $? -le 1");
+            outputOf("e2fsck -fyD '" + image.path() + "' >/dev/null 2>&1; test $? -le 1");
         }
         const Host host(image);
         const std::uint64_t many = host.find("/many");
@@ -70,8 +68,9 @@ TEST(DirectoryTest, TwentyThousandEntriesPlainAndHashed) {
 
 TEST(DirectoryTest, SmallBuffersOddPositionsAndDeletedEntries) {
     TemporaryFolder source;
-    run("cd '" + (source / "") + "' && mkdir -p many/folder && ln -s x many/link && : > file && " +
-        "for i in 0 1 2 3; do : > \"many/an entry with number $i\"; done");
+    outputOf("cd '" + (source / "") +
+             "' && mkdir -p many/folder && ln -s x many/link && : > file && " +
+             "for i in 0 1 2 3; do : > \"many/an entry with number $i\"; done");
     const Image image("-t ext4 -b 1024", "8M", source / "");
     image.change("unlink \"many/an entry with number 1\"\nunlink \"many/an entry with number 3\"");
     const Host host(image);

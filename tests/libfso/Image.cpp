@@ -1,18 +1,12 @@
 #include "Image.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <ostream>
 #include <regex>
 #include <stdexcept>
 
 namespace {
-
-const std::string PATH_PREFIX = "PATH=$PATH:/usr/sbin:/sbin; export PATH; ";
 
 bool readBytes(void* context, unsigned long offset, unsigned long length, char* buffer) {
     auto& host = *static_cast<Host*>(context);
@@ -38,47 +32,6 @@ int keepAlive(void* context) {
 
 } // namespace
 
-void run(const std::string& command) {
-    outputOf(command);
-}
-
-std::string outputOf(const std::string& command) {
-    FILE* pipe = popen((PATH_PREFIX + command).c_str(), "r");
-    std::string output;
-    std::array<char, 65536> buffer;
-    while (const std::size_t got = fread(buffer.data(), 1, buffer.size(), pipe)) {
-        output.append(buffer.data(), got);
-    }
-    if (pclose(pipe) != 0) {
-        throw std::runtime_error(command + ": failed: " + output);
-    }
-    return output;
-}
-
-TemporaryFolder::TemporaryFolder() {
-    std::string name = (std::filesystem::temp_directory_path() / "fso-test-XXXXXX").string();
-    if (mkdtemp(name.data()) == nullptr) {
-        throw std::runtime_error("cannot make " + name);
-    }
-    m_path = name;
-}
-
-TemporaryFolder::~TemporaryFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(m_path, ignored);
-}
-
-void writeFile(const std::string& path, const std::string& content) {
-    std::ofstream(path, std::ios::binary) << content;
-}
-
-std::string readFile(const std::string& path) {
-    std::string content(std::filesystem::file_size(path), '\0');
-    std::ifstream(path, std::ios::binary)
-        .read(content.data(), static_cast<std::streamsize>(content.size()));
-    return content;
-}
-
 std::string pattern(std::size_t size, unsigned seed) {
     std::string text(size, '\0');
     for (std::size_t i = 0; i + 8 <= size; i += 8) {
@@ -88,21 +41,37 @@ std::string pattern(std::size_t size, unsigned seed) {
     return text;
 }
 
-Image::Image(const std::string& options, const std::string& size, const std::string& source)
-    : m_path(m_folder / "image") {
+Image::Image(const std::string& options, const std::string& size, const std::string& source) {
+    const std::string uuid = "6a1f7d5e-3c1b-4a53-9d0e-0123456789ab";
     const std::string from = source.empty() ? "" : " -d '" + source + "'";
-    run("mke2fs -q -F -U 6a1f7d5e-3c1b-4a53-9d0e-0123456789ab -E root_owner=0:0,hash_seed="
-        "6a1f7d5e-3c1b-4a53-9d0e-0123456789ab " +
-        options + from + " '" + m_path + "' " + size + " 2>&1");
+    outputOf("mke2fs -q -F -U " + uuid + " -E root_owner=0:0,hash_seed=" + uuid + " " + options +
+             from + " '" + m_path + "' " + size + " 2>&1");
+}
+
+Image Image::withFile(const std::string& options, const std::string& size,
+                      const std::string& content) {
+    const TemporaryFolder source;
+    writeFile(source / "file", content);
+    return {options, size, source.path()};
 }
 
 void Image::change(const std::string& command) const {
     writeFile(m_path + ".commands", command + "\n");
-    run("debugfs -w -f '" + m_path + ".commands' '" + m_path + "' >/dev/null 2>&1");
+    outputOf("debugfs -w -f '" + m_path + ".commands' '" + m_path + "' 2>&1");
 }
 
 std::string Image::ask(const std::string& command) const {
     return outputOf("debugfs -R '" + command + "' '" + m_path + "' 2>/dev/null");
+}
+
+std::uint64_t inodeOffset(const Image& image, const std::string& path) {
+    // "Inode 12 is part of block group 0\n\tlocated at block 70, offset 0x0b00"
+    const std::string text = image.ask("imap " + path);
+    const std::string sizes = image.ask("stats");
+    const std::size_t size = sizes.find("Block size:") + std::strlen("Block size:");
+    const std::uint64_t block = std::stoull(text.substr(text.find("block ", text.find("at")) + 6));
+    return block * std::stoull(sizes.substr(size)) +
+           std::stoull(text.substr(text.find("0x")), nullptr, 16);
 }
 
 Host::Host(std::string content, std::uint32_t sectorSize) : bytes(std::move(content)) {
@@ -220,23 +189,6 @@ std::map<std::string, std::uint64_t> Host::walk() const {
         }
     }
     return found;
-}
-
-void Host::touchEverything() const {
-    fso_fs_record fs;
-    if (object->statFs(&fs) != FSO_OK) {
-        return;
-    }
-    for (std::uint64_t index = 0; index <= std::min<std::uint64_t>(fs.fileCount, 4096); ++index) {
-        fso_file_record record;
-        fso_metadata metadata;
-        std::uint32_t flags = 0;
-        object->openFile(index, &record, &flags);
-        object->getMetadata(index, &metadata);
-        extents(index, 16);
-        list(index, 4096);
-        object->closeFile(index);
-    }
 }
 
 std::vector<fso_extent> extentsByDebugfs(const Image& image, const Host& host,

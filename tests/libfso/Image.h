@@ -5,32 +5,14 @@
 #define TESTS_LIBFSO_IMAGE_H
 
 #include "fso/IFileSystemObjectV1.h"
+#include "support/Files.h"
 
 #include <cstdint>
-#include <filesystem>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
-// Runs a shell command with the administrator's folders in PATH; throws unless it succeeds.
-void run(const std::string& command);
-std::string outputOf(const std::string& command);
-
-// A folder that goes with its object.
-class TemporaryFolder {
-  public:
-    TemporaryFolder();
-    ~TemporaryFolder();
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-    std::string operator/(const std::string& name) const { return (m_path / name).string(); }
-
-  private:
-    std::filesystem::path m_path;
-};
-
-void writeFile(const std::string& path, const std::string& content);
-std::string readFile(const std::string& path);
 // Bytes that tell their place: no two blocks are alike.
 std::string pattern(std::size_t size, unsigned seed = 1);
 
@@ -38,6 +20,9 @@ class Image {
   public:
     // `options` and `size` as mke2fs takes them; `source`, if given, is a folder to copy in.
     Image(const std::string& options, const std::string& size, const std::string& source = "");
+    // With one file "file" of the given bytes.
+    static Image withFile(const std::string& options, const std::string& size,
+                          const std::string& content);
 
     const std::string& path() const { return m_path; }
     // One debugfs command that writes, or its output.
@@ -46,9 +31,12 @@ class Image {
     std::string bytes() const { return readFile(m_path); }
 
   private:
-    TemporaryFolder m_folder;
-    std::string m_path;
+    std::shared_ptr<TemporaryFolder> m_folder = std::make_shared<TemporaryFolder>();
+    std::string m_path = *m_folder / "image";
 };
+
+// Where a file's inode lies in the image.
+std::uint64_t inodeOffset(const Image& image, const std::string& path);
 
 struct Entry {
     std::string name;
@@ -85,8 +73,6 @@ class Host {
     std::uint64_t find(const std::string& path) const; // from the root; throws
     // Every path below the root, directories included.
     std::map<std::string, std::uint64_t> walk() const;
-    // Opens, lists and maps every index, whatever comes of it.
-    void touchEverything() const;
 };
 
 // What debugfs says of a file's blocks, as the records that are expected of the library.

@@ -24,9 +24,7 @@ TEST(RecordsTest, FileSystem) {
 }
 
 TEST(RecordsTest, OwnersTimesAndDevices) {
-    TemporaryFolder source;
-    writeFile(source / "file", pattern(3000));
-    const Image image("-t ext4 -b 1024", "8M", source / "");
+    const Image image = Image::withFile("-t ext4 -b 1024", "8M", pattern(3000));
     image.change("sif file uid 70001\nsif file gid 80002\n"
                  "sif file atime 0xfffffff0\nsif file atime_extra 0x0\n"
                  "sif file mtime 5\nsif file mtime_extra 0xEE6B27FD\n"
@@ -57,9 +55,7 @@ TEST(RecordsTest, OwnersTimesAndDevices) {
 }
 
 TEST(RecordsTest, SmallInodesKeepNoCreationTimeAndHugeFilesCountBlocks) {
-    TemporaryFolder source;
-    writeFile(source / "file", pattern(3000));
-    const Image image("-t ext4 -b 4096 -I 128", "16M", source / "");
+    const Image image = Image::withFile("-t ext4 -b 4096 -I 128", "16M", pattern(3000));
     image.change("sif file flags 0xC0000\nsif file blocks 3");
     const Host host(image);
     const fso_file_record file = host.open(host.find("/file"));

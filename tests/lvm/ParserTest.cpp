@@ -1,8 +1,10 @@
 #include "LvmConfig.h"
 
 #include "TreeText.h"
+#include "support/Files.h"
 
 #include <gtest/gtest.h>
+#include <regex>
 #include <stdexcept>
 #include <utility>
 
@@ -46,6 +48,7 @@ TEST(LvmParser, TextsOfEachKind) {
         // Sections.
         {"a=1 } b=2", 0, "{a=n1}"},
         {"a{b=1", 1, "{a{b=n1}}"},
+        {"a{", 1, "{a{}}"},
         {"a}", 0, "{}"},
         {"a", 1, "{}"},
         {"a,", 1, "{}"},
@@ -59,6 +62,26 @@ TEST(LvmParser, TextsOfEachKind) {
     };
     for (const auto& one : cases) {
         EXPECT_EQ(readText(one.text), (Reading{one.error, one.tree})) << one.text;
+    }
+}
+
+// Text without its comments, its blanks and the zero behind it.
+std::string squeezed(std::string text) {
+    static const std::regex comment("#[^\n]*");
+    text = std::regex_replace(text, comment, "");
+    std::erase_if(text, [](char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\0'; });
+    return text;
+}
+
+TEST(LvmParser, MetadataThatToolsWroteDumpsAsItWas) {
+    for (const char* name : {"linear.vgcfg", "linear.mda.txt", "thin.vgcfg", "thin.mda.txt"}) {
+        const std::string text = readFile(LVM_DATA_FOLDER "/" + std::string(name));
+        LvmConfig config;
+        const Reading reading = readText(config, text);
+        EXPECT_EQ(reading.error, 0) << name;
+        EXPECT_EQ(squeezed(dumpText(config.root)), squeezed(text)) << name;
+        EXPECT_EQ(readText(dumpText(config.root)), reading) << name;
+        EXPECT_GT(config.vg()["physical_volumes"]["pv0"]["pe_count"].numValue(), 0U) << name;
     }
 }
 
@@ -94,6 +117,16 @@ TEST(LvmParser, TokensOneByOne) {
     EXPECT_FALSE(config.nextToken());
     EXPECT_EQ(config.pos, ~0UL);
     EXPECT_FALSE(config.nextToken());
+}
+
+TEST(LvmParser, ASectionByItself) {
+    LvmConfig config;
+    config.text = "{a=1}b";
+    config.nextToken();
+    LvmConfig::Node section;
+    config.parseSet(section);
+    EXPECT_EQ(treeText(section), "{a=n1}");
+    EXPECT_EQ(config.token, "b");
 }
 
 TEST(LvmParser, VolumeGroupIsTheFirstSection) {

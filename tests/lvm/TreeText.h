@@ -4,8 +4,6 @@
 
 #include "LvmConfig.h"
 
-#include <fstream>
-#include <iterator>
 #include <ostream>
 #include <sstream>
 #include <string>
@@ -53,11 +51,6 @@ inline std::string dumpText(const LvmConfig::Node& node, int indent = 0) {
     std::ostringstream out;
     node.dump(out, indent);
     return out.str();
-}
-
-inline std::string fileText(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 #endif

@@ -1,21 +1,18 @@
 // Memory blocks: contents through growth and copies, the guard, dumps, layout.
 #include "Error.h"
 #include "RvpMemory.h"
+#include "support/Files.h"
 #include "support/LogCapture.h"
 
 #include <climits>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <gtest/gtest.h>
-#include <iterator>
 #include <string>
 #include <vector>
 
 namespace {
 
-const bool LOGGING = (km_debug_level = 1) != 0;
-
+using std::filesystem::exists;
 using Lines = std::vector<std::string>;
 
 const std::string GUARD = "RvMS";
@@ -108,12 +105,11 @@ TEST(Memory, AFailedAllocationThrows) {
 
 // One test, because the permission and the directory are given once in a process.
 TEST(MemoryDump, IsAllowedOnceByTheSignOfTheDebugLevel) {
-    char folder[] = "/tmp/dorado_memory_XXXXXX";
-    km_log_root = mkdtemp(folder);
-    const auto pathOf = [&](const std::string& name) { return folder + ("/" + name + ".rvpmem"); };
+    TemporaryFolder folder;
+    km_log_root = folder.path().c_str();
+    const auto pathOf = [&](const std::string& name) { return folder / (name + ".rvpmem"); };
     const auto contentOf = [&](const std::string& name) {
-        std::ifstream file(pathOf(name), std::ios::binary);
-        return file ? std::string(std::istreambuf_iterator<char>(file), {}) : "no file";
+        return exists(pathOf(name)) ? readFile(pathOf(name)) : "no file";
     };
     LogCapture log;
     RvpMemory memory;
@@ -154,7 +150,6 @@ TEST(MemoryDump, IsAllowedOnceByTheSignOfTheDebugLevel) {
     std::setvbuf(full, nullptr, _IONBF, 0);
     EXPECT_FALSE(memory.dump("full", 0, &full));
     std::fclose(full);
-    std::system(("rm -rf " + std::string(folder)).c_str());
 }
 
 TEST(MemoryLayout, Fields) {

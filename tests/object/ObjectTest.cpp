@@ -2,9 +2,9 @@
 #include "Error.h"
 #include "RvpObject.h"
 #include "kmhost.h"
+#include "support/Layout.h"
 #include "support/LogCapture.h"
 
-#include <array>
 #include <cstring>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -15,8 +15,6 @@
 #include <vector>
 
 namespace {
-
-const bool LOGGING = (km_debug_level = 1) != 0;
 
 using Lines = std::vector<std::string>;
 
@@ -189,10 +187,57 @@ class ObjectTest : public testing::Test {
     }
 
     template <typename Operation>
-    void expectForwarded(const char* name, const char* lowerCall, Operation operation);
+    void expectForwarded(const char* name, const char* lowerCall, Operation operation) {
+        for (const auto& [code, line] :
+             {std::pair{0, ""}, {4, LACKING}, {2058, " <WARN> Returning: 2058"}}) {
+            provider.result = code;
+            EXPECT_EQ(call(operation), code);
+            EXPECT_EQ(provider.calls.back(), lowerCall);
+            expectLine(name, line);
+        }
+        if (std::string(name) != "close") {
+            provider.functions = {};
+            EXPECT_EQ(call(operation), KMP_ENOTSUP);
+            expectLine(name, LACKING);
+            provider.offerAll();
+        }
+    }
+
     template <typename Operation>
     void expectOpens(const char* name, const char* lowerCall, OrmaObjectType type,
-                     const char* newName, Operation operation);
+                     const char* newName, Operation operation) {
+        const auto open = [&] { return call(operation); };
+        EXPECT_EQ(open(), KMP_ENOTSUP);
+        EXPECT_EQ(out, nullptr);
+        expectLine(name, LACKING);
+
+        provider.offerAll();
+        EXPECT_EQ(open(), 0);
+        EXPECT_EQ(provider.calls.back(), lowerCall);
+        expectLine(name, "");
+        expectWrapped(out->provider, type, newName, &provider.file.obj);
+
+        for (const int code : {4, 5, 2058, 2072}) {
+            provider.result = code;
+            out = untouched;
+            EXPECT_EQ(open(), code);
+            EXPECT_EQ(out, nullptr);
+            const bool isUnusedFile = code > 2000 && type == ORMA_OBJECT_FILE;
+            const std::string line = " <WARN> Returning: " + std::to_string(code);
+            expectLine(name, isUnusedFile ? "" : code == 4 ? LACKING : line);
+        }
+
+        provider.result = 0;
+        out = untouched;
+        object.factoryFails = true;
+        expectVerifyFailure(open, name);
+        object.factoryFails = false;
+        provider.opened = nullptr;
+        expectVerifyFailure(open, name);
+        EXPECT_EQ(out, untouched);
+        provider.opened = &provider.file.obj;
+        provider.functions = {};
+    }
 
     LogCapture log;
     FakeProvider provider;
@@ -201,23 +246,6 @@ class ObjectTest : public testing::Test {
     kmp_obj* out = untouched;
     int places = 0; // of arguments given
 };
-
-template <typename Operation>
-void ObjectTest::expectForwarded(const char* name, const char* lowerCall, Operation operation) {
-    for (const auto& [code, line] :
-         {std::pair{0, ""}, {4, LACKING}, {2058, " <WARN> Returning: 2058"}}) {
-        provider.result = code;
-        EXPECT_EQ(call(operation), code);
-        EXPECT_EQ(provider.calls.back(), lowerCall);
-        expectLine(name, line);
-    }
-    if (std::string(name) != "close") {
-        provider.functions = {};
-        EXPECT_EQ(call(operation), KMP_ENOTSUP);
-        expectLine(name, LACKING);
-        provider.offerAll();
-    }
-}
 
 TEST_F(ObjectTest, ForwardsWithTheArgumentsInOrder) {
     provider.offerAll();
@@ -232,42 +260,6 @@ TEST_F(ObjectTest, ForwardsWithTheArgumentsInOrder) {
     expectForwarded("statFile", "15 volume 20", &RvpObject::statFile);
     expectForwarded("statFs", "16 volume 20", &RvpObject::statFs);
     expectForwarded("close", "closeObject volume", &RvpObject::close);
-}
-
-template <typename Operation>
-void ObjectTest::expectOpens(const char* name, const char* lowerCall, OrmaObjectType type,
-                             const char* newName, Operation operation) {
-    const auto open = [&] { return call(operation); };
-    EXPECT_EQ(open(), KMP_ENOTSUP);
-    EXPECT_EQ(out, nullptr);
-    expectLine(name, LACKING);
-
-    provider.offerAll();
-    EXPECT_EQ(open(), 0);
-    EXPECT_EQ(provider.calls.back(), lowerCall);
-    expectLine(name, "");
-    expectWrapped(out->provider, type, newName, &provider.file.obj);
-
-    for (const int code : {4, 5, 2058, 2072}) {
-        provider.result = code;
-        out = untouched;
-        EXPECT_EQ(open(), code);
-        EXPECT_EQ(out, nullptr);
-        const bool isUnusedFile = code > 2000 && type == ORMA_OBJECT_FILE;
-        const std::string line = " <WARN> Returning: " + std::to_string(code);
-        expectLine(name, isUnusedFile ? "" : code == 4 ? LACKING : line);
-    }
-
-    provider.result = 0;
-    out = untouched;
-    object.factoryFails = true;
-    expectVerifyFailure(open, name);
-    object.factoryFails = false;
-    provider.opened = nullptr;
-    expectVerifyFailure(open, name);
-    EXPECT_EQ(out, untouched);
-    provider.opened = &provider.file.obj;
-    provider.functions = {};
 }
 
 TEST_F(ObjectTest, OpeningWrapsTheLowerObject) {
@@ -407,20 +399,14 @@ TEST(ObjectLayout, Fields) {
     FakeProvider provider;
     FakeObject object(provider, ORMA_OBJECT_STREAM, "name", &provider.volume.obj);
     const RvpObject* base = &object;
-    const auto offsetOf = [](const void* owner, const auto& field) {
-        return reinterpret_cast<const char*>(std::addressof(field)) -
-               static_cast<const char*>(owner);
-    };
     EXPECT_EQ(std::memcmp(&object.signature, "OSIG", 4), 0);
     EXPECT_EQ(&object.interface, &provider);
-    EXPECT_EQ((std::array{offsetOf(base, object.signature), offsetOf(base, object.objectType),
-                          offsetOf(base, object.obj), offsetOf(base, object.lower),
-                          offsetOf(base, object.iterator)}),
-              (std::array<std::ptrdiff_t, 5>{8, 12, 24, 160, 168})); // the interface fills the gap
+    EXPECT_EQ(offsetsIn(base, object.signature, object.objectType, object.obj, object.lower,
+                        object.iterator),
+              (std::vector<std::ptrdiff_t>{8, 12, 24, 160, 168})); // the interface fills the gap
     const RvpInterface* table = &provider;
-    EXPECT_EQ((std::array{offsetOf(table, provider.library), offsetOf(table, provider.context),
-                          offsetOf(table, provider.functions)}),
-              (std::array<std::ptrdiff_t, 3>{8, 16, 40}));
+    EXPECT_EQ(offsetsIn(table, provider.library, provider.context, provider.functions),
+              (std::vector<std::ptrdiff_t>{8, 16, 40}));
 
     kmp_obj expected = {};
     expected.record = provider.volume.obj.record;
@@ -432,29 +418,16 @@ TEST(ObjectLayout, Fields) {
     EXPECT_EQ(expected.id->length, 5);
 }
 
-// The two destructors come first; a pointer to a virtual operation holds 1 + 8 times its slot.
-template <typename... Operations>
-void expectSlotsInOrder(Operations... operations) {
-    std::ptrdiff_t expected = 1 + 8 * 2;
-    const auto expectNext = [&expected](auto operation) {
-        std::ptrdiff_t offset = 0;
-        std::memcpy(&offset, &operation, sizeof offset);
-        EXPECT_EQ(offset, expected);
-        expected += 8;
-    };
-    (expectNext(operations), ...);
-}
-
 TEST(ObjectLayout, Slots) {
-    expectSlotsInOrder(
+    EXPECT_TRUE(lieInOrder(
         &RvpObject::create, &RvpObject::checkConfigId, &RvpObject::close, &RvpObject::getConfigId,
         &RvpObject::getNames, &RvpObject::getObjProp, &RvpObject::getObjStats, &RvpObject::objCtl,
         &RvpObject::openId, &RvpObject::openFileIndex, &RvpObject::openStream, &RvpObject::readDir,
         &RvpObject::statFile, &RvpObject::statFs, &RvpObject::getStreams, &RvpObject::getObjId,
         &RvpObject::getObjName, &RvpObject::getObj, &RvpObject::iterateInit, &RvpObject::iterate,
-        &RvpObject::closeIterator, &RvpObject::translateExtents);
-    expectSlotsInOrder(&RvpInterface::closeObject, &RvpInterface::startIteration,
-                       &RvpInterface::nextObject, &RvpInterface::closeIteration);
+        &RvpObject::closeIterator, &RvpObject::translateExtents));
+    EXPECT_TRUE(lieInOrder(&RvpInterface::closeObject, &RvpInterface::startIteration,
+                           &RvpInterface::nextObject, &RvpInterface::closeIteration));
 }
 
 // The holder and its handle are the interface's; the table is empty behind it.

@@ -1,6 +1,8 @@
 // Errors, their texts and the checks that raise them.
 #include "Error.h"
+#include "support/ErrorListener.h"
 #include "support/LogCapture.h"
+#include "support/Raised.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -8,11 +10,6 @@
 namespace {
 
 using testing::ElementsAre;
-
-const bool s_loggingIsOn = [] {
-    km_debug_level = 1;
-    return true;
-}();
 
 TEST(Catalogue, AnswersByPositionWithGapsEmpty) {
     const MsgCatalog catalog("OrmaError", "root", false);
@@ -29,18 +26,22 @@ TEST(Catalogue, AnswersByPositionWithGapsEmpty) {
     EXPECT_STREQ(MsgCatalog(std::string(300, 'x').c_str(), "root", false).getMsgStr(3), "");
 }
 
-TEST(LinuxErrors, AreAlwaysUnknownAndTranslateTwoCodes) {
+TEST(Errors, LinuxOnesAreAlwaysUnknownAndTranslateTwoCodes) {
     const LinuxError missing(4096 + ENOENT, "f", 1, "g");
-    EXPECT_EQ(missing.getOrmaErrorValue(), 4098);
-    EXPECT_STREQ(missing.getEnglishText(), "Unknown error");
-    EXPECT_STREQ(missing.getLocalizedText(), "Unknown error");
-    EXPECT_STREQ(missing.getDomainText(), "Linux Error Code");
+    for (const LinuxError& error : {missing, LinuxError(missing)}) {
+        EXPECT_EQ(error.getOrmaErrorValue(), 4098);
+        EXPECT_STREQ(error.getEnglishText(), "Unknown error");
+        EXPECT_STREQ(error.getLocalizedText(), "Unknown error");
+        EXPECT_STREQ(error.getDomainText(), "Linux Error Code");
+    }
     EXPECT_EQ(LinuxError(4096 + ENOMEM, "f", 1, "g").getOrmaErrorValue(), 5);
     EXPECT_EQ(LinuxError(4096, "f", 1, "g").getOrmaErrorValue(), 0);
-    EXPECT_STREQ(OrmaError(3, "f", 1, "g").getDomainText(), "OrMA Error Code");
+    const OrmaError orma(3, "f", 1, "g");
+    EXPECT_EQ(orma.getOrmaErrorValue(), 3);
+    EXPECT_STREQ(orma.getDomainText(), "OrMA Error Code");
 }
 
-TEST(ErrorLog, MapsSeveritiesToLevels) {
+TEST(Errors, SeveritiesBecomeLogLevels) {
     LogCapture log;
     const OrmaError error(0x12, "some/dir/File", 34, "f");
     for (const int severity : {1, 2, 3, 4, 5}) {
@@ -50,16 +51,19 @@ TEST(ErrorLog, MapsSeveritiesToLevels) {
     EXPECT_THAT(log.lines(), ElementsAre("log:Error <INFO>" + text, "log:Error <WARN>" + text,
                                          "log:Error <ERROR>" + text, "log:Error <DEBUG>" + text,
                                          "log:Error <ERROR>" + text));
+    EXPECT_TRUE(error.isLogEnabled());
+    km_debug_level = 0;
+    EXPECT_FALSE(error.isLogEnabled());
 }
 
-TEST(ErrorMapping, FindsTheFirstAndStopsAtTheEmptyText) {
+TEST(Errors, AMappingEndsAtTheEmptyText) {
     const Error::ErrorMapping table[] = {{1, "one"}, {2, "two"}, {2, "again"}, {3, ""}, {4, "x"}};
     EXPECT_STREQ(OrmaError(2, "f", 1, "g").findErrorMapping(table), "two");
     EXPECT_STREQ(OrmaError(4, "f", 1, "g").findErrorMapping(table), "Unknown error");
     EXPECT_STREQ(OrmaError(3, "f", 1, "g").findErrorMapping(table + 3), "Unknown error");
 }
 
-TEST(Once, TellsErrorsApartByCodeLineAndFile) {
+TEST(Errors, OnceTellsThemApartByCodeLineAndFile) {
     const std::string file = "file";
     EXPECT_TRUE(LogOnce(OrmaError(1, "file", 1, "g")));
     EXPECT_FALSE(LogOnce(OrmaError(1, file.c_str(), 1, "other")));
@@ -69,91 +73,62 @@ TEST(Once, TellsErrorsApartByCodeLineAndFile) {
     EXPECT_TRUE(LogOnce(OrmaError(1, "other", 1, "g")));
 }
 
-struct Heard {
-    std::string english;
-    bool localized;
-    int severity;
-};
-std::vector<Heard> s_heard;
-
-void hear(kmp_ehandler*, const char* english, const char* localized, int severity) {
-    s_heard.push_back({english, localized != nullptr, severity});
-}
-
 TEST(Handler, HearsErrorsAndMessages) {
     const OrmaError error(5, "f", 1, "g");
-    Error::LogMessage("fn", 7, "file", KMP_SEVERITY_INFO, "lost");
-    error.callback(KMP_SEVERITY_WARNING, false);
-    EXPECT_TRUE(s_heard.empty()) << "no handler yet";
+    kmp_ehandler deaf = {nullptr};
+    for (kmp_ehandler* nobody : {static_cast<kmp_ehandler*>(nullptr), &deaf}) {
+        Error::s_pHandler = nobody;
+        Error::LogMessage("fn", 7, "file", KMP_SEVERITY_INFO, "lost");
+        error.callback(KMP_SEVERITY_WARNING, false);
+    }
 
-    kmp_ehandler handler = {hear};
-    Error::s_pHandler = &handler;
+    ErrorListener listener;
+    Error::s_pHandler = &listener;
     LogCapture log;
     error.callback(KMP_SEVERITY_WARNING, false);
     EXPECT_TRUE(log.caught.empty());
     error.callback(KMP_SEVERITY_WARNING, true);
     EXPECT_EQ(log.caught.size(), 1U);
-    Error::LogMessage("fn", 7, "file", KMP_SEVERITY_INFO, "a %d", 1);
-    Error::LogMessage("fn", 7, "file", KMP_SEVERITY_DEBUG, "b");
-    Error::LogMessage("fn", 7, "file", KMP_SEVERITY_TRACE5, "c");
-    Error::LogMessage("fn", 7, "file", KMP_SEVERITY_ERROR, "%s", std::string(2000, 'x').c_str());
-    Error::s_pHandler = nullptr;
-
-    ASSERT_EQ(s_heard.size(), 6U);
-    EXPECT_EQ(s_heard[1].english, "Insufficient memory");
-    EXPECT_EQ(s_heard[1].severity, 2);
-    EXPECT_EQ(s_heard[2].english, "INFO: File <file>, Function <fn>, Line <7> a 1");
-    EXPECT_FALSE(s_heard[2].localized);
-    EXPECT_EQ(s_heard[3].english, "DEBUG: File <file>, Function <fn>, Line <7> b");
-    EXPECT_EQ(s_heard[4].english, "c");
-    EXPECT_EQ(s_heard[5].english.size(), 1023U);
-}
-
-// What a check threw, as "code file function".
-template <typename Raised, typename Check>
-std::string raised(Check check) {
-    try {
-        check();
-    } catch (const Raised& error) {
-        EXPECT_GT(error.m_line, 0);
-        return std::to_string(error.m_code) + " " +
-               std::string(error.m_file).substr(std::string(error.m_file).rfind("tests/")) + " " +
-               error.m_function;
+    for (const int severity : {1, 2, 3, 4, 5}) {
+        Error::LogMessage("fn", 7, "file", static_cast<kmp_eseverity>(severity), "a %d", severity);
     }
-    return "nothing";
+    const std::string place = ": File <file>, Function <fn>, Line <7> a ";
+    EXPECT_THAT(listener.heard, ElementsAre(ErrorListener::Heard{"Insufficient memory", true, 2},
+                                            ErrorListener::Heard{"Insufficient memory", true, 2},
+                                            ErrorListener::Heard{"INFO" + place + "1", false, 1},
+                                            ErrorListener::Heard{"WARNING" + place + "2", false, 2},
+                                            ErrorListener::Heard{"ERROR" + place + "3", false, 3},
+                                            ErrorListener::Heard{"DEBUG" + place + "4", false, 4},
+                                            ErrorListener::Heard{"a 5", false, 5}));
+    const std::string endless(2000, 'x');
+    Error::LogMessage("fn", 7, "file", KMP_SEVERITY_ERROR, "%s", endless.c_str());
+    EXPECT_EQ(listener.heard.back().english.size(), 1023U);
+    Error::s_pHandler = nullptr;
 }
 
 TEST(Checks, LogOneLineAndRecordTheirPlace) {
     LogCapture log;
-    const std::string place = " tests/provider/ErrorTest operator()";
-    EXPECT_EQ(raised<OrmaError>([] { VERIFY_PTR(static_cast<int*>(nullptr), 3); }), "3" + place);
-    EXPECT_EQ(raised<OrmaError>([] { VERIFY_ORMA(1 + 1 == 3, 1); }), "1" + place);
-    EXPECT_EQ(raised<OrmaError>([] { VERIFY_ORMA_BOOL(false, 2); }), "2" + place);
-    EXPECT_EQ(raised<LinuxError>([] {
-                  errno = ENOENT;
-                  VERIFY_LINUX(false);
-              }),
-              "4098" + place);
-    EXPECT_EQ(raised<LinuxError>([] {
-                  errno = EACCES;
-                  VERIFY_LINUX_BOOL(false);
-              }),
-              std::to_string(4096 + EACCES) + place);
-    EXPECT_EQ(raised<LinuxError>([] {
-                  errno = 0;
-                  VERIFY_LINUX(false);
-                  errno = ENOENT;
+    const auto raised = [](int code) {
+        return std::to_string(code) + " " + SOURCE_FILE + " operator()";
+    };
+    EXPECT_EQ(raisedBy<OrmaError>([] { VERIFY_PTR(static_cast<int*>(nullptr), 3); }), raised(3));
+    EXPECT_EQ(raisedBy<OrmaError>([] { VERIFY_ORMA(1 + 1 == 3, 1); }), raised(1));
+    EXPECT_EQ(raisedBy<OrmaError>([] { VERIFY_ORMA_BOOL(false, 2); }), raised(2));
+    errno = ENOENT;
+    EXPECT_EQ(raisedBy<LinuxError>([] { VERIFY_LINUX(false); }), raised(4096 + ENOENT));
+    EXPECT_EQ(raisedBy<LinuxError>([] { VERIFY_LINUX_BOOL(false); }), raised(4096 + ENOENT));
+    EXPECT_EQ(raisedBy([] {
                   VERIFY_LINUX(true);
                   VERIFY_LINUX_BOOL(true);
+                  errno = 0;
+                  VERIFY_LINUX(false);
               }),
               "nothing");
+    const std::string line = "operator():ErrorTest <ERROR> Exception: ";
     EXPECT_THAT(log.lines(),
-                ElementsAre("operator():ErrorTest <ERROR> Exception: VERIFY_PTR",
-                            "operator():ErrorTest <ERROR> Exception: VERIFY_ORMA",
-                            "operator():ErrorTest <ERROR> Exception: VERIFY_ORMA_BOOL",
-                            "operator():ErrorTest <ERROR> Exception: VERIFY_LINUX errno: 2 error: "
-                            "No such file or directory ",
-                            "operator():ErrorTest <ERROR> Exception: VERIFY_LINUX_BOOL"));
+                ElementsAre(line + "VERIFY_PTR", line + "VERIFY_ORMA", line + "VERIFY_ORMA_BOOL",
+                            line + "VERIFY_LINUX errno: 2 error: No such file or directory ",
+                            line + "VERIFY_LINUX_BOOL"));
 }
 
 } // namespace

@@ -4,23 +4,24 @@
 #include "Error.h"
 #include "RvpFsoFile.h"
 #include "RvpFsoFileSystem.h"
+#include "support/Layout.h"
+#include "support/Raised.h"
 
 #include <cstring>
 
 namespace {
 
-using testing::ElementsAre;
-
-class FileSystemTest : public ProviderTest {
+class FileSystemTest : public VolumeTest {
   protected:
-    void SetUp() override {
-        start();
-        claim();
-    }
-
-    int control(kmp_obj* volume, int command, void* argument) {
+    int control(int command, void* argument) {
         return rvp_map_objctl(instance, volume, command, argument);
     }
+
+    kmp_fs fs = {};
+    kmp_obj_prop* property = nullptr;
+    kmp_stats stats = {};
+    uint32_t one = 0;
+    int flags = 0;
 };
 
 TEST_F(FileSystemTest, CopiesTheLibrarysRecord) {
@@ -29,61 +30,58 @@ TEST_F(FileSystemTest, CopiesTheLibrarysRecord) {
     for (uint8_t i = 0; i < 16; ++i) {
         script->fs.uuid[i] = static_cast<uint8_t>(0xF0 + i);
     }
-    kmp_obj* volume = openVolume();
-    kmp_fs fs;
+    volume = openVolume();
     std::memset(&fs, 0xAA, sizeof fs);
     ASSERT_EQ(rvp_map_stat_fs(instance, volume, &fs), 0);
-    EXPECT_EQ(fs.type, FSO_FS_EXT4);
-    EXPECT_EQ(fs.state, FSO_FS_HAS_ERRORS);
-    EXPECT_EQ(fs.preferredBlockSize, 32768U);
-    EXPECT_EQ(fs.blockSize, 4096U);
-    EXPECT_EQ(fs.usedBlocks, 16U);
-    EXPECT_EQ(fs.blockCount, 24U);
-    EXPECT_EQ(fs.freeBlocks, 32U);
-    EXPECT_EQ(fs.freeFiles, 40U);
-    EXPECT_EQ(fs.fileCount, 128U) << "rounded up to 64";
-    EXPECT_EQ(fs.volumeId, 0xF7F6F5F4F3F2F1F0U);
+    EXPECT_THAT(
+        (std::vector{fs.type, fs.state, fs.preferredBlockSize, fs.blockSize, fs.usedBlocks,
+                     fs.blockCount, fs.freeBlocks, fs.freeFiles, fs.fileCount, fs.volumeId}),
+        ElementsAre(FSO_FS_EXT4, FSO_FS_HAS_ERRORS, 32768, 4096, 16, 24, 32, 40,
+                    128, // rounded up to 64
+                    0xF7F6F5F4F3F2F1F0));
     EXPECT_STREQ(fs.nameSpace, "dorado");
     EXPECT_EQ(fs.maxNameLength, 255U);
     EXPECT_EQ(fs.reserved0[0], 0);
 
+    ASSERT_EQ(rvp_map_get_obj_prop(instance, volume, &property), 0);
+    EXPECT_THAT((std::vector<uint64_t>{property->kind, property->blockSize, property->size,
+                                       property->value104, property->value112}),
+                ElementsAre(7, 4096, 4096 * 24, 1, 1));
+
     char* name = nullptr;
-    uint8_t* uuid = nullptr;
-    uint64_t root = 0;
-    uint32_t one = 0;
-    EXPECT_EQ(control(volume, KMP_OCVOLUMENAME, &name), 0);
+    EXPECT_EQ(control(KMP_OCVOLUMENAME, &name), 0);
     EXPECT_STREQ(name, "label");
-    EXPECT_EQ(control(volume, KMP_OCVOLUMEUUID, &uuid), 0);
+    uint8_t* uuid = nullptr;
+    EXPECT_EQ(control(KMP_OCVOLUMEUUID, &uuid), 0);
     EXPECT_EQ(std::memcmp(uuid, script->fs.uuid, 16), 0);
-    EXPECT_EQ(control(volume, KMP_OCROOTINDEX, &root), 0);
+
+    script->fs.blockSize = 65536;
+    script->fs.fileCount = 128;
+    ASSERT_EQ(rvp_map_stat_fs(instance, openVolume(), &fs), 0);
+    EXPECT_EQ(fs.preferredBlockSize, 65536U) << "large blocks and round counts are kept";
+    EXPECT_EQ(fs.fileCount, 128U);
+}
+
+TEST_F(FileSystemTest, AnswersControlCommands) {
+    uint64_t root = 0;
+    EXPECT_EQ(control(KMP_OCROOTINDEX, &root), 0);
     EXPECT_EQ(root, 2U);
     script->rootStatus = FSO_IO;
-    EXPECT_EQ(control(volume, KMP_OCROOTINDEX, &root), 0);
+    EXPECT_EQ(control(KMP_OCROOTINDEX, &root), 0);
     EXPECT_EQ(root, 0U) << "the status is not looked at";
-    EXPECT_EQ(control(volume, KMP_OCROOTINDEX, nullptr), 3);
-    EXPECT_EQ(control(volume, KMP_OCTRAVERSETYPE, &one), 0);
-    EXPECT_EQ(one, 1U);
-    EXPECT_EQ(control(volume, KMP_OCTRAVERSEATTRIBUTE, &one), 0);
-
-    kmp_obj_prop* property = nullptr;
-    kmp_obj_prop* again = nullptr;
-    ASSERT_EQ(rvp_map_get_obj_prop(instance, volume, &property), 0);
-    ASSERT_EQ(rvp_map_get_obj_prop(instance, volume, &again), 0);
-    EXPECT_EQ(property, again);
-    EXPECT_EQ(property->kind, 7U);
-    EXPECT_EQ(property->blockSize, 4096U);
-    EXPECT_EQ(property->size, 4096U * 24);
-    EXPECT_EQ(property->value104, 1U);
-    EXPECT_EQ(property->value112, 1U);
-
-    kmp_stats stats;
-    std::memset(&stats, 0xAA, sizeof stats);
-    ASSERT_EQ(rvp_map_get_obj_stats(instance, volume, &stats), 0);
-    EXPECT_EQ(stats.values[179], 0U);
+    for (const int command : {KMP_OCTRAVERSETYPE, KMP_OCTRAVERSEATTRIBUTE}) {
+        one = 0;
+        EXPECT_EQ(control(command, &one), 0);
+        EXPECT_EQ(one, 1U);
+    }
+    for (const int command : {KMP_OCROOTINDEX, KMP_OCTRAVERSETYPE, KMP_OCTRAVERSEATTRIBUTE,
+                              KMP_OCVOLUMENAME, KMP_OCVOLUMEUUID}) {
+        EXPECT_EQ(control(command, nullptr), 3) << command;
+    }
 
     log.clear();
-    EXPECT_EQ(control(volume, KMP_OCSETEXTFS, nullptr), 4);
-    EXPECT_EQ(control(volume, 77, nullptr), 3);
+    EXPECT_EQ(control(KMP_OCSETEXTFS, nullptr), 4);
+    EXPECT_EQ(control(77, nullptr), 3);
     EXPECT_THAT(log.lines(),
                 ElementsAre("rvpMapObjCtl:RvpFsoCoordinator <TRACE> Object: VOL1 cmd:2",
                             "objCtl:RvpFsoFileSystem <ERROR> KMP_OCGETEXTFS/KMP_OCSETEXTFS "
@@ -96,46 +94,29 @@ TEST_F(FileSystemTest, CopiesTheLibrarysRecord) {
                             "objCtl:RvpFsoFileSystem <WARN> Returning: 3",
                             "rvpMapObjCtl:RvpFsoCoordinator <WARN> Returning: 3",
                             "rvp_map_objctl:libdorado <WARN> Returning: 3"));
-    rvp_map_close(instance, volume);
-}
 
-TEST_F(FileSystemTest, LargeBlocksAndRoundFileCountsAreKept) {
-    script->fs.blockSize = 65536;
-    script->fs.fileCount = 128;
-    kmp_obj* volume = openVolume();
-    kmp_fs fs;
-    ASSERT_EQ(rvp_map_stat_fs(instance, volume, &fs), 0);
-    EXPECT_EQ(fs.preferredBlockSize, 65536U);
-    EXPECT_EQ(fs.fileCount, 128U);
-    rvp_map_close(instance, volume);
+    std::memset(&stats, 0xAA, sizeof stats);
+    ASSERT_EQ(rvp_map_get_obj_stats(instance, volume, &stats), 0);
+    EXPECT_EQ(stats.values[179], 0U);
+    EXPECT_EQ(rvp_map_fs_exclude_unallocated(instance, volume), 0);
 }
 
 TEST_F(FileSystemTest, WithoutReadAccessOnlyTheStatisticsAnswer) {
-    kmp_obj* volume = openVolume("VOL1", KMP_OPEN_WRITE);
-    kmp_fs fs;
-    kmp_obj_prop* property = nullptr;
-    kmp_stats stats;
-    uint32_t one = 0;
-    kmp_obj* file = reinterpret_cast<kmp_obj*>(0x10);
-    int flags = 0;
+    volume = openVolume("VOL1", KMP_OPEN_WRITE);
+    kmp_obj* file = volume;
     EXPECT_EQ(rvp_map_stat_fs(instance, volume, &fs), 4);
     EXPECT_EQ(rvp_map_get_obj_prop(instance, volume, &property), 4);
-    EXPECT_EQ(control(volume, KMP_OCTRAVERSETYPE, &one), 4);
+    EXPECT_EQ(control(KMP_OCTRAVERSETYPE, &one), 4);
     EXPECT_EQ(rvp_map_open_file_index(instance, volume, 5, &file, 1, &flags, nullptr), 4);
-    EXPECT_EQ(file, reinterpret_cast<kmp_obj*>(0x10)) << "untouched before a file is made";
+    EXPECT_EQ(file, volume) << "untouched before a file is made";
     EXPECT_EQ(rvp_map_get_obj_stats(instance, volume, &stats), 0);
-    rvp_map_close(instance, volume);
 }
 
 TEST_F(FileSystemTest, OpensFilesByIndex) {
-    kmp_obj* volume = openVolume();
     kmp_obj* file = openFile(volume, 99);
-    ASSERT_NE(file, nullptr);
     EXPECT_EQ(script->index, 99U);
     EXPECT_STREQ(file->name, "unnamed dorado file");
-    EXPECT_EQ(rvp_map_close(instance, file), 0);
 
-    int flags = 0;
     EXPECT_EQ(rvp_map_open_file_index(instance, volume, ~0UL, &file, 1, &flags, nullptr), 4);
     script->openFileStatus = FSO_UNSUPPORTED;
     script->calls.clear();
@@ -149,69 +130,75 @@ TEST_F(FileSystemTest, OpensFilesByIndex) {
                             "openFileIndex:RvpFsoFileSystem <WARN> Returning: 11",
                             "rvpMapOpenFileIndex:RvpFsoCoordinator <WARN> Returning: 11",
                             "rvp_map_open_file_index:libdorado <WARN> Returning: 11"));
-    rvp_map_close(instance, volume);
 }
 
-TEST(UninitialisedFileSystem, AnswersAlmostNothing) {
-    LogCapture log;
+TEST_F(FileSystemTest, AnUninitialisedOneAnswersAlmostNothing) {
     RvpFsoFileSystem fileSystem("");
     EXPECT_EQ(fileSystem.volumeId, nullptr);
-    EXPECT_THROW(fileSystem.init(512, nullptr), OrmaError);
+    EXPECT_EQ(raisedBy([&] { fileSystem.init(512, nullptr); }),
+              "3 plugin/dorado/RvpFsoFileSystem init");
     kmp_obj* object = nullptr;
-    int flags = 0;
     ASSERT_EQ(fileSystem.openFileSystem(&object, KMP_OPEN_READ, &flags), 0);
-    char* name = nullptr;
     log.clear();
-    EXPECT_EQ(fileSystem.objCtl(KMP_OCVOLUMENAME, &name), 11);
+    EXPECT_EQ(fileSystem.objCtl(KMP_OCVOLUMENAME, nullptr), 11);
     EXPECT_THAT(log.lines(), ElementsAre("getVolumeName:RvpFsoFileSystem <WARN> Returning: 11",
                                          "objCtl:RvpFsoFileSystem <WARN> Returning: 11"));
-    EXPECT_EQ(fileSystem.objCtl(KMP_OCVOLUMEUUID, &name), 11);
-    uint32_t one = 0;
+    EXPECT_EQ(fileSystem.objCtl(KMP_OCVOLUMEUUID, nullptr), 11);
     EXPECT_EQ(fileSystem.objCtl(KMP_OCTRAVERSEATTRIBUTE, &one), 0);
-    kmp_fs fs;
     EXPECT_EQ(fileSystem.statFs(&fs), 0);
     EXPECT_EQ(fs.preferredBlockSize, 0U);
 }
 
-// Where each field lies, as callers with their own declarations expect it.
-TEST(ObjectLayout, IsFixed) {
-    RvpFsoFileSystem fileSystem("v");
-    const auto at = [&](const void* field) {
-        return static_cast<const char*>(field) - reinterpret_cast<const char*>(&fileSystem);
-    };
-    EXPECT_EQ(at(&fileSystem.signature), 8);
-    EXPECT_EQ(std::memcmp(fileSystem.signature, "XFSO", 4), 0);
-    EXPECT_EQ(at(&fileSystem.objectType), 12);
-    EXPECT_EQ(at(&fileSystem.obj), 16);
-    EXPECT_EQ(at(&fileSystem.propList), 168);
-    EXPECT_EQ(at(&fileSystem.linkPropList), 200);
-    EXPECT_EQ(at(&fileSystem.volumeId), 232);
-    EXPECT_EQ(at(&fileSystem.volumeName), 240);
-    EXPECT_EQ(at(&fileSystem.openFlags), 272);
-    EXPECT_EQ(at(&fileSystem.fsRecord), 280);
-    EXPECT_EQ(at(&fileSystem.initialised), 400);
-    EXPECT_EQ(at(&fileSystem.fso), 408);
-    EXPECT_EQ(at(&fileSystem.sectorSize), 416);
-    EXPECT_EQ(fileSystem.obj.provider, &fileSystem);
+TEST_F(FileSystemTest, ASecondInitialisationTakesTheLibraryAndKeepsTheRecord) {
+    auto* fileSystem = static_cast<RvpFsoFileSystem*>(volume->provider);
+    script->calls.clear();
+    log.clear();
+    EXPECT_EQ(fileSystem->init(4096, fileSystem->fso), 0);
+    EXPECT_EQ(fileSystem->sectorSize, 4096U);
+    EXPECT_THAT(script->calls, IsEmpty());
+    EXPECT_THAT(log.lines(),
+                ElementsAre("init:RvpFsoFileSystem <WARN> FS object is already initialized"));
+}
+
+TEST(FileSystemLayout, Fields) {
+    RvpFsoFileSystem v("v");
+    EXPECT_THAT(offsetsIn(&v, v.signature, v.objectType, v.obj, v.propList, v.linkPropList,
+                          v.volumeId, v.volumeName, v.openFlags, v.fsRecord, v.initialised, v.fso,
+                          v.sectorSize),
+                ElementsAre(8, 12, 16, 168, 200, 232, 240, 272, 280, 400, 408, 416));
+    EXPECT_EQ(std::memcmp(v.signature, "XFSO", 4), 0);
+    EXPECT_EQ(v.obj.provider, &v);
     EXPECT_EQ(sizeof(RvpFsoFile), 384U);
 }
 
-TEST(PropertyList, KeepsOneCopyOfEqualRecords) {
+TEST(PlainObject, SupportsNothingButLists) {
     RvpFsoObject object(1, "o");
+    EXPECT_EQ(object.close(), 0);
+    EXPECT_THAT(
+        (std::vector{object.checkConfigId(nullptr), object.getConfigId(nullptr, nullptr, nullptr),
+                     object.getExtent(0, nullptr, 0, nullptr, nullptr, nullptr),
+                     object.getObjProp(nullptr), object.getObjStats(nullptr),
+                     object.getSubObjLinkProp(nullptr, nullptr), object.objCtl(0, nullptr),
+                     object.read(nullptr, 0), object.readDir(nullptr, nullptr),
+                     object.statFile(nullptr), object.statFs(nullptr), object.write(nullptr, 0)}),
+        testing::Each(KMP_ENOTSUP));
+    EXPECT_EQ(raisedBy([] { RvpFsoObject(1, nullptr); }),
+              "3 plugin/dorado/RvpFsoObject RvpFsoObject");
+
+    // One copy of equal records, the newest in front.
     kmp_obj_link_prop first = {};
     kmp_obj_link_prop second = {};
     second.reserved0[15] = 1;
     kmp_obj_link_prop* kept = object.getLinkPropFromList(first);
     EXPECT_EQ(object.getLinkPropFromList(first), kept);
-    EXPECT_EQ(object.linkPropList.count, 1U);
     EXPECT_NE(object.getLinkPropFromList(second), kept);
+    EXPECT_EQ(object.getLinkPropFromList(first), kept);
     EXPECT_EQ(object.linkPropList.count, 2U);
     EXPECT_EQ(object.linkPropList.head->value.reserved0[15], 1U);
     EXPECT_EQ(&object.linkPropList.tail->value, kept);
     EXPECT_EQ(object.linkPropList.tail->prev, object.linkPropList.head);
-    EXPECT_EQ(object.getExtent(0, nullptr, 0, nullptr, nullptr, nullptr), 4);
-    EXPECT_EQ(object.close(), 0);
-    EXPECT_THROW(RvpFsoObject(1, nullptr), OrmaError);
+    kmp_obj_prop* property = object.getObjPropFromList({});
+    EXPECT_EQ(object.getObjPropFromList({}), property);
 }
 
 } // namespace

@@ -3,30 +3,30 @@
 
 #include "Error.h"
 #include "RvpFsoFile.h"
+#include "RvpFsoFileSystem.h"
 #include "RvpFsoFileSystemMgr.h"
+#include "support/Raised.h"
 
 #include <cerrno>
 #include <cstring>
 
 namespace {
 
-using testing::ElementsAre;
-
-class FileTest : public ProviderTest {
+class FileTest : public VolumeTest {
   protected:
-    void SetUp() override {
-        start();
-        claim();
-        volume = openVolume();
-    }
-    void TearDown() override { rvp_map_close(instance, volume); }
-
-    int getExtents(kmp_obj* file, unsigned long offset, int capacity) {
+    int getExtents(unsigned long offset, int capacity) {
+        log.clear();
         return rvp_map_get_extent(instance, file, offset, extents, capacity, &count, &done,
                                   reinterpret_cast<kmp_mapdomain_node*>(0x10));
     }
 
-    kmp_obj* volume = nullptr;
+    // Opens the file again, after its record changed.
+    void reopen(int expectedFlags = 0) {
+        close(file);
+        file = openFile(volume, 12, expectedFlags);
+    }
+
+    kmp_obj* file = openFile(volume);
     kmp_extent extents[4] = {};
     int count = -1;
     int done = -1;
@@ -35,9 +35,8 @@ class FileTest : public ProviderTest {
 TEST_F(FileTest, RoundsExtentLengthsUpToTheSector) {
     script->extents = {{4096, 1000, 7, 0}, {8192, 1024, 0x80000010, 0}};
     script->extentCount = 2;
-    kmp_obj* file = openFile(volume);
     std::memset(extents, 0xAA, sizeof extents);
-    ASSERT_EQ(getExtents(file, 300, 4), 0);
+    ASSERT_EQ(getExtents(300, 4), 0);
     EXPECT_EQ(script->offset, 300U);
     EXPECT_EQ(count, 2);
     EXPECT_EQ(done, 1);
@@ -48,95 +47,70 @@ TEST_F(FileTest, RoundsExtentLengthsUpToTheSector) {
     EXPECT_EQ(extents[1].length, 1024U);
     EXPECT_EQ(extents[1].flags, 0x80000010U);
     EXPECT_EQ(extents[1].reserved0[0], 0xAA) << "nothing but the four fields is written";
-    rvp_map_close(instance, file);
 }
 
 TEST_F(FileTest, AnImpossibleCountRaisesBeforeTheStatusIsSeen) {
-    kmp_obj* file = openFile(volume);
     script->extentsStatus = FSO_NOT_PERMITTED;
     for (const uint32_t reported : {0U, 3U, 0x80000000U}) {
         script->extentCount = reported;
-        log.clear();
-        EXPECT_EQ(getExtents(file, 0, 2), 1);
+        EXPECT_EQ(getExtents(0, 2), 1);
         EXPECT_EQ(log.lines()[1], "getExtent:RvpFsoFile <ERROR> Exception: VERIFY_ORMA_BOOL");
     }
-    script->extents = {{0, 0, 0, 0}};
-    script->extentCount = 1;
-    done = 0;
-    EXPECT_EQ(getExtents(file, 0, 1), 13);
-    EXPECT_EQ(done, 1);
+    EXPECT_EQ(getExtents(0, -1), 3);
+    EXPECT_EQ(log.lines()[1], "getExtent:RvpFsoFile <ERROR> Exception: VERIFY_PTR");
 
     script->extentsStatus = FSO_OK;
-    log.clear();
-    EXPECT_EQ(getExtents(file, 0, 1), 0);
+    script->extents = {{0, 0, 0, 0}};
+    script->extentCount = 1;
+    EXPECT_EQ(getExtents(0, 1), 0);
     EXPECT_EQ(log.lines()[1], "getExtent:RvpFsoFile <ERROR> Unable to get the extent, length = 0, "
                               "index = 12, extentNum = 0");
     EXPECT_EQ(extents[0].length, 0U);
-    rvp_map_close(instance, file);
-}
-
-TEST_F(FileTest, ACapacityThatCannotBeAllocatedRaises) {
-    kmp_obj* file = openFile(volume);
-    EXPECT_EQ(getExtents(file, 0, -1), 3);
-    EXPECT_EQ(log.lines().at(log.lines().size() - 5),
-              "getExtent:RvpFsoFile <ERROR> Exception: VERIFY_PTR");
-    rvp_map_close(instance, file);
 }
 
 TEST_F(FileTest, TranslatesEveryLibraryStatus) {
-    kmp_obj* file = openFile(volume);
     script->extents = {{0, 512, 0, 0}};
     script->extentCount = 1;
     const int expected[] = {3, 11, 11, 4, 5, 7, 12, 13, 14, 15, 11, 1, 1};
     for (uint32_t status = 1; status <= 13; ++status) {
         script->extentsStatus = status;
-        EXPECT_EQ(getExtents(file, 0, 1), expected[status - 1]) << status;
+        done = 0;
+        EXPECT_EQ(getExtents(0, 1), expected[status - 1]) << status;
+        EXPECT_EQ(done, 1);
     }
-    rvp_map_close(instance, file);
 }
 
 TEST_F(FileTest, CopiesTheLibrarysFileRecord) {
     script->file = {S_IFREG | 0640, 2, 0x0000006400000064, 12345, 24, 40, {-1, 1}, {2, 3}, {4, 5},
                     {6, 7},         80};
-    kmp_obj* file = openFile(volume);
+    reopen();
     kmp_file stat;
     std::memset(&stat, 0xAA, sizeof stat);
     ASSERT_EQ(rvp_map_stat_file(instance, file, &stat), 0);
-    EXPECT_EQ(stat.mode, S_IFREG | 0640U);
-    EXPECT_EQ(stat.linkCount, 2U);
-    EXPECT_EQ(stat.type, 1U);
-    EXPECT_EQ(stat.owner, 0x0000006400000064U);
-    EXPECT_EQ(stat.size, 12345U);
-    EXPECT_EQ(stat.blocks, 24U);
-    EXPECT_EQ(stat.device, 40U);
-    EXPECT_EQ(stat.accessTime.seconds, 2208988799U);
-    EXPECT_EQ(stat.accessTime.fraction, 1U);
-    EXPECT_EQ(stat.modifyTime.seconds, 2208988802U);
-    EXPECT_EQ(stat.changeTime.fraction, 5U);
-    EXPECT_EQ(stat.createTime.seconds, 2208988806U);
-    EXPECT_EQ(stat.index, 80U);
+    EXPECT_THAT((std::vector<uint64_t>{stat.mode, stat.linkCount, stat.type, stat.owner, stat.size,
+                                       stat.blocks, stat.device, stat.index}),
+                ElementsAre(S_IFREG | 0640U, 2, 1, 0x0000006400000064, 12345, 24, 40, 80));
+    EXPECT_THAT((std::vector<uint64_t>{stat.accessTime.seconds, stat.modifyTime.seconds,
+                                       stat.changeTime.seconds, stat.createTime.seconds}),
+                ElementsAre(2208988799, 2208988802, 2208988804, 2208988806));
+    EXPECT_THAT((std::vector{stat.accessTime.fraction, stat.modifyTime.fraction,
+                             stat.changeTime.fraction, stat.createTime.fraction}),
+                ElementsAre(1, 3, 5, 7));
     EXPECT_EQ(stat.reserved0[0], 0);
 
     kmp_obj_prop* property = nullptr;
     ASSERT_EQ(rvp_map_get_obj_prop(instance, file, &property), 0);
     EXPECT_EQ(property->kind, 6U);
     EXPECT_EQ(property->size, 12345U);
-    rvp_map_close(instance, file);
 
     script->file.mode = S_IFDIR | 0755;
-    file = openFile(volume);
+    reopen();
     ASSERT_EQ(rvp_map_stat_file(instance, file, &stat), 0);
     EXPECT_EQ(stat.size, 0U) << "directories report no size";
-    rvp_map_close(instance, file);
-}
-
-TEST_F(FileTest, MarksEverythingButFilesAndDirectories) {
     for (const unsigned type : {S_IFBLK, S_IFIFO, S_IFCHR, S_IFLNK, S_IFSOCK}) {
         script->file.mode = type;
-        rvp_map_close(instance, openFile(volume, 12, KMP_OPEN_SPECIAL));
+        reopen(KMP_OPEN_SPECIAL);
     }
-    script->file.mode = S_IFDIR;
-    rvp_map_close(instance, openFile(volume, 12, 0));
 }
 
 TEST_F(FileTest, ReadsDirectoriesOnly) {
@@ -145,16 +119,14 @@ TEST_F(FileTest, ReadsDirectoriesOnly) {
     request.bufferSize = 64;
     request.position = 7;
     unsigned long entries = 0xAAAAAAAA00000000UL;
-    kmp_obj* file = openFile(volume);
     errno = ENOTDIR;
     EXPECT_EQ(rvp_map_readdir(instance, file, &request, &entries), 4096 + ENOTDIR);
     EXPECT_EQ(listener.heard.back().english, "Unknown error");
-    rvp_map_close(instance, file);
 
     script->file.mode = S_IFDIR | 0700;
     script->dirBytes = 48;
     script->dirEntries = 3;
-    file = openFile(volume);
+    reopen();
     EXPECT_EQ(rvp_map_readdir(instance, file, &request, &entries), 0);
     EXPECT_EQ(script->dirRequest.buffer, 0x1000U);
     EXPECT_EQ(script->dirRequest.bufferSize, 64U);
@@ -162,10 +134,16 @@ TEST_F(FileTest, ReadsDirectoriesOnly) {
     EXPECT_EQ(request.resultCount, 48U);
     EXPECT_EQ(entries, 0xAAAAAAAA00000003UL) << "the library counts in the low half";
     EXPECT_EQ(request.error, 0U);
+    auto* direct = static_cast<RvpFsoFile*>(static_cast<RvpFsoObject*>(file->provider));
+    EXPECT_EQ(raisedBy([&] { direct->readDir(nullptr, &entries); }),
+              "3 plugin/dorado/RvpFsoFile readDir");
+    EXPECT_EQ(raisedBy([&] { direct->readDir(&request, nullptr); }),
+              "3 plugin/dorado/RvpFsoFile readDir");
+    EXPECT_EQ(raisedBy([&] { direct->statFile(nullptr); }), "3 plugin/dorado/RvpFsoFile statFile");
+
     script->readDirStatus = FSO_NO_MEMORY;
     EXPECT_EQ(rvp_map_readdir(instance, file, &request, &entries), 5);
     EXPECT_EQ(request.error, 5U);
-    rvp_map_close(instance, file);
 }
 
 TEST_F(FileTest, HandsOutTheLibrarysMetadata) {
@@ -173,7 +151,7 @@ TEST_F(FileTest, HandsOutTheLibrarysMetadata) {
     script->file.accessTime.fraction = 010;
     script->file.modifyTime.fraction = 07;
     script->file.createTime.fraction = ~0U;
-    kmp_obj* file = openFile(volume);
+    reopen();
     kmp_extfile metadata = {};
     ASSERT_EQ(rvp_map_objctl(instance, file, KMP_OCGETEXTFILE, &metadata), 0);
     EXPECT_STREQ(reinterpret_cast<const char*>(metadata.text.address),
@@ -184,22 +162,22 @@ TEST_F(FileTest, HandsOutTheLibrarysMetadata) {
     EXPECT_EQ(metadata.second.length, 4U);
     EXPECT_EQ(metadata.third.address, 5U);
     EXPECT_EQ(metadata.third.count, 1U);
+    EXPECT_EQ(rvp_map_objctl(instance, file, KMP_OCGETEXTFILE, nullptr), 3);
     EXPECT_EQ(rvp_map_objctl(instance, file, 1000, &metadata), 4);
     script->metadataStatus = FSO_IO;
-    EXPECT_EQ(rvp_map_objctl(instance, file, KMP_OCGETEXTFILE, &metadata), 11);
-
-    script->closeFileStatus = FSO_IO;
-    log.clear();
-    EXPECT_EQ(rvp_map_close(instance, file), 0);
-    EXPECT_EQ(log.lines().back(),
-              "~RvpFsoFile:RvpFsoFile <WARN> Failed to close file index, index = 12");
+    EXPECT_EQ(rvp_map_objctl(instance, file, KMP_OCGETEXTFILE, nullptr), 11);
 }
 
-TEST_F(FileTest, AFileObjectCanBeClosedInOneStep) {
-    auto* fileSystem = static_cast<RvpFsoFileSystem*>(volume->provider);
+TEST_F(FileTest, ClosingIsAsTheLibraryHasIt) {
+    script->closeFileStatus = FSO_IO;
+    EXPECT_EQ(close(file), 0);
+    EXPECT_EQ(log.lines().back(),
+              "~RvpFsoFile:RvpFsoFile <WARN> Failed to close file index, index = 12");
     script->calls.clear();
-    closeRvpFsoFile(new RvpFsoFile(fileSystem, 5));
+    closeRvpFsoFile(new RvpFsoFile(static_cast<RvpFsoFileSystem*>(volume->provider), 5));
     EXPECT_THAT(script->calls, ElementsAre("closeFile"));
+    RvpFsoFileSystem withoutLibrary("v");
+    delete new RvpFsoFile(&withoutLibrary, 5);
 }
 
 } // namespace

@@ -14,6 +14,7 @@ using testing::IsEmpty;
 
 std::string s_controlFile;
 int s_controlFileReads = 0;
+std::vector<std::pair<std::string, int>> s_reports;
 
 } // namespace
 
@@ -31,6 +32,11 @@ std::FILE* __wrap_fopen(const char* name, const char* mode) {
         return nullptr;
     }
     return fmemopen(s_controlFile.data(), s_controlFile.size(), mode);
+}
+
+// Stands before the host's.
+void km_report_provider_msg(const char* text, int kind) {
+    s_reports.emplace_back(text, kind);
 }
 }
 
@@ -55,7 +61,6 @@ TEST(Logging, IsDecidedOnceWhenOff) {
 
 TEST(Logging, StaysOnAndReadsTheControlFileOnce) {
     LogCapture log;
-    km_debug_level = 1;
     s_controlFile = "file=x\n";
     EXPECT_TRUE(LogHelper::isActive());
     km_debug_level = 0;
@@ -67,11 +72,9 @@ TEST(Logging, StaysOnAndReadsTheControlFileOnce) {
 
 TEST(Logging, LabelsLevels) {
     LogCapture log;
-    km_debug_level = 1;
     for (int level = -1; level <= 8; ++level) {
         logLine("f", "file", level, "t");
     }
-    std::vector<std::string> labels;
     std::vector<int> severities;
     for (const auto& line : log.caught) {
         severities.push_back(line.severity);
@@ -86,7 +89,6 @@ TEST(Logging, LabelsLevels) {
 
 TEST(Logging, CutsNamesAndTags) {
     LogCapture log;
-    km_debug_level = 1;
     logLine("Class::method", "/a/b/File.cpp", 0, "t");
     logLine("ns::Class::method", "a\\b/c\\File", 0, "t");
     LogHelper::plugin_elog("f", "a/b\\c/d", 1, nullptr, 0, ":tag:text %d", 5);
@@ -102,21 +104,27 @@ TEST(Logging, CutsNamesAndTags) {
     EXPECT_EQ(log.caught[5].raw.size(), 2047U);
 }
 
-void logWithSystemError(const char* systemError, const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    LogHelper::plugin_velog(nullptr, 2, systemError, "f", "file", 3, format, arguments);
-    va_end(arguments);
-}
-
 TEST(Logging, NamesASystemError) {
     LogCapture log;
-    km_debug_level = 1;
-    logWithSystemError("No error here", "t");
-    logWithSystemError("Broken pipe", "t");
+    va_list none = {};
+    for (const char* systemError : {"No error here", "Broken pipe"}) {
+        LogHelper::plugin_velog(nullptr, 2, systemError, "f", "file", 3, "t", none);
+    }
     EXPECT_THAT(log.caught[0].raw, testing::EndsWith(" : f:file:3 <WARN>  : t"));
     EXPECT_THAT(log.caught[1].raw,
                 testing::EndsWith(" : f:file:3 <WARN> [Sys Error: Broken pipe] : t"));
+}
+
+TEST(Logging, HandsReportsToTheHost) {
+    LogHelper::plugin_ereport(0, "zero %d", 1);
+    LogHelper::plugin_ereport(1, "one");
+    LogHelper::plugin_ereport(2, "two");
+    using Report = std::pair<std::string, int>;
+    EXPECT_THAT(s_reports, ElementsAre(Report{"zero 1", 10}, Report{"one", 8}, Report{"two", 9}));
+    LogCapture log;
+    plugin_report_claim(KM_CLAIM_PRIMARY, "v");
+    EXPECT_THAT(log.lines(),
+                ElementsAre("plugin_report_claim:LogHelper.h <WARN> Invalid claim type"));
 }
 
 void traced(const char* file, int level) {
@@ -134,10 +142,7 @@ TEST(Tracing, IndentsWhatHappensInside) {
     EXPECT_EQ(log.caught[1].indent, 1);
     EXPECT_EQ(log.caught[2].indent, 0);
     EXPECT_EQ(LogTrace::trace_indent, 0);
-}
-
-TEST(Tracing, NeedsTheBitOfItsLevel) {
-    LogCapture log;
+    // Each level has a bit of its own.
     for (int level = 4; level <= 8; ++level) {
         for (int bit = 28; bit <= 30; ++bit) {
             km_debug_level = 1 << bit;

@@ -5,10 +5,13 @@
 #include "RvpFsoCoordinator.h"
 #include "RvpFsoFileSystem.h"
 #include "RvpFsoFileSystemMgr.h"
+#include "support/Raised.h"
 
 namespace {
 
-using testing::ElementsAre;
+int keepAlive(void*) {
+    return 0;
+}
 
 class ManagerTest : public ProviderTest {
   protected:
@@ -16,12 +19,12 @@ class ManagerTest : public ProviderTest {
 };
 
 TEST_F(ManagerTest, LoadsInitialisesAndClaims) {
-    start();
     int context = 0;
     rvp_map_set_volume_read_callback(instance, readNothing, &context);
     rvp_map_set_logical_sector_size(instance, 4096);
+    EXPECT_EQ(rvp_map_set_keep_alive_callback(instance, keepAlive), 0);
     log.clear();
-    EXPECT_EQ(rvp_map_claim_volume(instance, "vol"), KM_CLAIM_SECONDARY);
+    claim("vol");
     const std::string directory = std::string(km_root) + "/lib/map/rvp/";
     EXPECT_THAT(log.lines(),
                 ElementsAre("claim:RvpFsoFileSystemMgr <INFO> FSO Path: " + directory + "libfso.so",
@@ -36,26 +39,33 @@ TEST_F(ManagerTest, LoadsInitialisesAndClaims) {
     EXPECT_EQ(script->sectorSize, 4096U);
     EXPECT_EQ(script->read, &readNothing);
     EXPECT_EQ(script->readContext, &context);
+    EXPECT_EQ(script->keepAlive, &keepAlive);
 
     script->calls.clear();
-    rvp_map_fini(instance);
-    instance = nullptr;
+    end();
     EXPECT_THAT(script->calls, ElementsAre("closeFileSystemObject", "libFini"));
+}
 
-    // The process remembers that the library was initialised, though the manager is gone.
-    script->calls.clear();
-    start();
+TEST_F(ManagerTest, TheLibraryIsInitialisedOnceInAProcess) {
+    script->initFails = true;
+    EXPECT_EQ(rvp_map_claim_volume(instance, "v"), KM_CLAIM_NONE);
+    EXPECT_EQ(listener.heard.size(), 1U);
+    script->initFails = false;
     claim();
-    EXPECT_THAT(script->calls, ElementsAre("openFileSystemObject", "recognise"));
-    rvp_map_fini(instance);
-    instance = nullptr;
-    EXPECT_EQ(script->calls.back(), "closeFileSystemObject");
+    EXPECT_THAT(script->calls,
+                ElementsAre("libInit", "libInit", "openFileSystemObject", "recognise"));
+    end();
+    script->calls.clear();
+    int version = 0;
+    ASSERT_EQ(rvp_map_init(&instance, &listener, &version), 0);
+    claim();
+    end();
+    EXPECT_THAT(script->calls,
+                ElementsAre("openFileSystemObject", "recognise", "closeFileSystemObject"));
 }
 
 TEST_F(ManagerTest, UnclaimedVolumesAreNeitherKeptNorClosed) {
-    start();
     script->recognises = false;
-    log.clear();
     EXPECT_EQ(rvp_map_claim_volume(instance, "v"), KM_CLAIM_NONE);
     EXPECT_EQ(log.lines().back(),
               "plugin_report_claim:LogHelper.h <INFO> Return KM_CLAIM_NONE for: v");
@@ -74,43 +84,39 @@ TEST_F(ManagerTest, UnclaimedVolumesAreNeitherKeptNorClosed) {
     EXPECT_EQ(object, nullptr);
     EXPECT_EQ(flags, 5);
     km_free_objid(id);
-
     script->calls.clear();
-    rvp_map_fini(instance);
-    instance = nullptr;
+    end();
     EXPECT_THAT(script->calls, ElementsAre("libFini"));
 }
 
 TEST_F(ManagerTest, IdsMatchInAnyCaseAndTheFirstClaimWins) {
-    start();
     claim("Volume");
     claim("VOLUME");
     struct km_objid* id = km_objid("volume", 7, 3);
     EXPECT_EQ(rvp_map_claim_id(instance, id), KM_CLAIM_PRIMARY);
+    km_free_objid(id);
     kmp_obj* volume = openVolume("volume");
-    ASSERT_NE(volume, nullptr);
     EXPECT_STREQ(volume->name, "Volume");
     EXPECT_EQ(volume->name, volume->displayName);
     EXPECT_EQ(volume->id->kind, 3);
-    rvp_map_close(instance, volume);
-    km_free_objid(id);
+    close(volume);
+
     script->closeObjectStatus = FSO_IO;
     log.clear();
-    rvp_map_fini(instance);
-    instance = nullptr;
-    EXPECT_THAT(log.lines(), ElementsAre("~RvpFsoFileSystemMgr:RvpFsoFileSystemMgr <INFO> Failed "
-                                         "to close FSO object",
-                                         "~RvpFsoFileSystemMgr:RvpFsoFileSystemMgr <INFO> Failed "
-                                         "to close FSO object"));
+    end();
+    const std::string line =
+        "~RvpFsoFileSystemMgr:RvpFsoFileSystemMgr <INFO> Failed to close FSO object";
+    EXPECT_THAT(log.lines(), ElementsAre(line, line));
 }
 
 TEST_F(ManagerTest, RefusesAFileSystemThatCannotBeRead) {
-    start();
     claim();
     struct km_objid* id = km_objid("VOL1", 5, 3);
-    kmp_obj* object = reinterpret_cast<kmp_obj*>(0x10);
-    int flags = 0;
-    const auto expectRefused = [&] {
+    for (const bool lacksFiles : {false, true}) {
+        script->statFsStatus = lacksFiles ? FSO_OK : FSO_IO;
+        script->fs.fileCount = lacksFiles ? 0 : 1;
+        kmp_obj* object = reinterpret_cast<kmp_obj*>(0x10);
+        int flags = 0;
         log.clear();
         EXPECT_EQ(rvp_map_open_id(instance, id, nullptr, &object, 1, &flags, nullptr), 3);
         EXPECT_EQ(object, nullptr);
@@ -123,17 +129,11 @@ TEST_F(ManagerTest, RefusesAFileSystemThatCannotBeRead) {
                                 "openId:RvpFsoFileSystemMgr <WARN> Returning: 3",
                                 "rvpMapOpenId:RvpFsoCoordinator <WARN> Returning: 3",
                                 "rvp_map_open_id:libdorado <WARN> Returning: 3"));
-    };
-    script->fs.fileCount = 0;
-    expectRefused();
-    script->fs.fileCount = 1;
-    script->statFsStatus = FSO_IO;
-    expectRefused();
+    }
     km_free_objid(id);
 }
 
 TEST_F(ManagerTest, ALibraryLineIsAFormatAtItsOwnLevel) {
-    start();
     claim();
     log.clear();
     EXPECT_EQ(script->log(FS_LOG_WARNING, "100%% read\n"), 1);
@@ -143,74 +143,52 @@ TEST_F(ManagerTest, ALibraryLineIsAFormatAtItsOwnLevel) {
                             "FSOLogCallback:RvpFsoFileSystemMgr <Unknown Error> odd level"));
 }
 
-TEST_F(ManagerTest, AMissingLibraryRaisesAndTheClaimIsRefused) {
-    start();
-    km_root = "/nonexistent";
-    EXPECT_EQ(rvp_map_claim_volume(instance, "v"), KM_CLAIM_NONE);
-    ASSERT_EQ(listener.heard.size(), 1U);
-    EXPECT_EQ(listener.heard[0].english, "Invalid argument(s)");
+// Libraries that lack a symbol, or are not there.
+class LackingTest : public ManagerTest, public testing::WithParamInterface<const char*> {
+  protected:
+    LackingTest() : ManagerTest(GetParam()) {}
+};
+class UselessLibrary : public LackingTest {};
+INSTANTIATE_TEST_SUITE_P(Roots, UselessLibrary, testing::Values("without_init", "without_open"));
+class CarelessLibrary : public LackingTest {};
+INSTANTIATE_TEST_SUITE_P(Roots, CarelessLibrary, testing::Values("without_close", "without_fini"));
+
+TEST_P(UselessLibrary, RaisesAndTheClaimIsRefused) {
+    for (const char* root : {km_root, "/nonexistent"}) {
+        km_root = root;
+        listener.heard.clear();
+        EXPECT_EQ(rvp_map_claim_volume(instance, "v"), KM_CLAIM_NONE);
+        EXPECT_THAT(listener.heard,
+                    ElementsAre(ErrorListener::Heard{"Invalid argument(s)", true, 2}));
+    }
 }
 
-TEST_F(ManagerTest, AFailedInitialisationIsTriedAgain) {
-    start();
-    script->initFails = true;
-    EXPECT_EQ(rvp_map_claim_volume(instance, "v"), KM_CLAIM_NONE);
-    EXPECT_EQ(listener.heard.size(), 1U);
-    script->initFails = false;
-    EXPECT_EQ(rvp_map_claim_volume(instance, "v"), KM_CLAIM_SECONDARY);
-}
-
-// Libraries that lack a symbol.
-struct WithoutInit : ManagerTest {
-    WithoutInit() : ManagerTest("without_init") {}
-};
-struct WithoutOpen : ManagerTest {
-    WithoutOpen() : ManagerTest("without_open") {}
-};
-struct WithoutClose : ManagerTest {
-    WithoutClose() : ManagerTest("without_close") {}
-};
-struct WithoutFini : ManagerTest {
-    WithoutFini() : ManagerTest("without_fini") {}
-};
-
-TEST_F(WithoutInit, IsAnError) {
-    start();
-    EXPECT_EQ(rvp_map_claim_volume(instance, "v"), KM_CLAIM_NONE);
-    EXPECT_EQ(listener.heard.size(), 1U);
-}
-
-TEST_F(WithoutOpen, IsAnError) {
-    start();
-    EXPECT_EQ(rvp_map_claim_volume(instance, "v"), KM_CLAIM_NONE);
-    EXPECT_EQ(listener.heard.size(), 1U);
-}
-
-TEST_F(WithoutClose, LeavesTheObjectsSilently) {
-    start();
+TEST_P(CarelessLibrary, IsLeftAsItIs) {
     claim();
     log.clear();
-    rvp_map_fini(instance);
-    instance = nullptr;
-    EXPECT_EQ(script->calls.back(), "libFini");
-    EXPECT_THAT(log.lines(), testing::IsEmpty());
-}
-
-TEST_F(WithoutFini, LogsThatTheLibraryWasNotEnded) {
-    start();
-    claim();
-    log.clear();
-    rvp_map_fini(instance);
-    instance = nullptr;
-    EXPECT_THAT(log.lines(), ElementsAre("~RvpFsoFileSystemMgr:RvpFsoFileSystemMgr <WARN> Failed "
-                                         "to terminate FSO library"));
+    end();
+    if (GetParam() == std::string("without_close")) {
+        EXPECT_EQ(script->calls.back(), "libFini");
+        EXPECT_THAT(log.lines(), IsEmpty());
+    } else {
+        EXPECT_EQ(script->calls.back(), "closeFileSystemObject");
+        EXPECT_THAT(log.lines(), ElementsAre("~RvpFsoFileSystemMgr:RvpFsoFileSystemMgr <WARN> "
+                                             "Failed to terminate FSO library"));
+    }
 }
 
 TEST_F(ManagerTest, AnUninitialisedCoordinatorRefusesWithCode2) {
     RvpFsoCoordinator coordinator(new RvpFsoFileSystemMgr);
+    struct km_objid* id = km_objid("v", 2, 3);
     kmp_fs fs;
     EXPECT_EQ(coordinator.rvpMapStatFs(nullptr, &fs), 2);
     EXPECT_EQ(coordinator.rvpMapClaimVolume("v"), KM_CLAIM_NONE);
+    log.clear();
+    EXPECT_EQ(coordinator.rvpMapClaimId(id), KM_CLAIM_NONE);
+    EXPECT_EQ(log.lines().back(),
+              "rvpMapClaimId:RvpFsoCoordinator <INFO> Reject Claim for Object Name:v ");
+    km_free_objid(id);
+    listener.heard.clear();
     int version = 0;
     EXPECT_EQ(coordinator.rvpMapInit(&listener, &version), 0);
     version = 0;
@@ -219,18 +197,18 @@ TEST_F(ManagerTest, AnUninitialisedCoordinatorRefusesWithCode2) {
     EXPECT_EQ(Error::s_pHandler, &listener);
     coordinator.rvpMapFini();
     EXPECT_EQ(coordinator.rvpMapStatFs(nullptr, &fs), 2);
-    EXPECT_TRUE(listener.heard.empty());
-    EXPECT_THROW(RvpFsoCoordinator(nullptr), OrmaError);
+    EXPECT_THAT(listener.heard, IsEmpty());
+    EXPECT_EQ(raisedBy([] { RvpFsoCoordinator(nullptr); }),
+              "3 plugin/dorado/RvpFsoCoordinator RvpFsoCoordinator");
 }
 
 TEST_F(ManagerTest, TheLibraryPathIsBoundedByTheInstallPath) {
     RvpFsoFileSystemMgr mgr;
     const std::string deep(300, 'd');
     km_root = deep.c_str();
-    std::string path = "untouched";
+    std::string path;
     mgr.resolveFsoPath(path, "libfso");
     EXPECT_EQ(path, std::string(260, 'd') + "map/rvp/libfso.so");
-    EXPECT_EQ(mgr.excludeUnallocated(nullptr), 0);
     EXPECT_EQ(mgr.setLogicalSectorSize(0), 0);
 }
 

@@ -4,6 +4,7 @@
 
 #include "ScriptedFso.h"
 #include "kmp/rvp_map.h"
+#include "support/ErrorListener.h"
 #include "support/LogCapture.h"
 
 #include <dlfcn.h>
@@ -13,28 +14,8 @@
 #include <sys/stat.h>
 #include <vector>
 
-// Logging without call traces, decided before the first test asks.
-inline const bool g_loggingIsOn = [] {
-    km_debug_level = 1;
-    return true;
-}();
-
-struct HeardError {
-    std::string english;
-    int severity;
-};
-
-// Its handler function gets it back as its first argument.
-struct ErrorListener : kmp_ehandler {
-    ErrorListener() : kmp_ehandler{hear} {}
-
-    static void hear(kmp_ehandler* self, const char* english, const char* localized, int severity) {
-        EXPECT_STREQ(english, localized);
-        static_cast<ErrorListener*>(self)->heard.push_back({english, severity});
-    }
-
-    std::vector<HeardError> heard;
-};
+using testing::ElementsAre;
+using testing::IsEmpty;
 
 class ProviderTest : public testing::Test {
   protected:
@@ -47,27 +28,34 @@ class ProviderTest : public testing::Test {
         script->fs.blockCount = 1000;
         script->fs.fileCount = 100;
         script->file.mode = S_IFREG | 0644;
+        int version = 0;
+        EXPECT_EQ(rvp_map_init(&instance, &listener, &version), 0);
+        EXPECT_EQ(version, 2);
+        rvp_map_set_logical_sector_size(instance, 512);
+        rvp_map_set_volume_read_callback(instance, readNothing, this);
+        log.clear();
     }
 
     ~ProviderTest() override {
         if (instance != nullptr) {
-            rvp_map_fini(instance);
+            end();
         }
         dlclose(m_library);
-    }
-
-    void start() {
-        int version = 0;
-        ASSERT_EQ(rvp_map_init(&instance, &listener, &version), 0);
-        ASSERT_EQ(version, 2);
-        rvp_map_set_logical_sector_size(instance, 512);
     }
 
     static bool readNothing(void*, unsigned long, unsigned long, char*) { return false; }
 
     void claim(const char* name = "VOL1") {
-        rvp_map_set_volume_read_callback(instance, readNothing, this);
         ASSERT_EQ(rvp_map_claim_volume(instance, name), KM_CLAIM_SECONDARY);
+    }
+
+    // Closes what is open and ends the instance.
+    void end() {
+        while (!m_open.empty()) {
+            close(m_open.back());
+        }
+        rvp_map_fini(instance);
+        instance = nullptr;
     }
 
     kmp_obj* openVolume(const char* name = "vol1", int flags = KMP_OPEN_READ) {
@@ -77,7 +65,7 @@ class ProviderTest : public testing::Test {
         EXPECT_EQ(rvp_map_open_id(instance, id, nullptr, &object, flags, &openFlags, nullptr), 0);
         EXPECT_EQ(openFlags, KMP_OPEN_SPECIAL);
         km_free_objid(id);
-        return object;
+        return m_open.emplace_back(object);
     }
 
     kmp_obj* openFile(kmp_obj* volume, unsigned long index = 12, int expectedFlags = 0) {
@@ -87,7 +75,12 @@ class ProviderTest : public testing::Test {
                                           &openFlags, nullptr),
                   0);
         EXPECT_EQ(openFlags, expectedFlags);
-        return object;
+        return m_open.emplace_back(object);
+    }
+
+    int close(kmp_obj* object) {
+        std::erase(m_open, object);
+        return rvp_map_close(instance, object);
     }
 
     FsoScript* script;
@@ -98,6 +91,19 @@ class ProviderTest : public testing::Test {
   private:
     std::string m_root;
     void* m_library;
+    std::vector<kmp_obj*> m_open;
+};
+
+// The same with a volume opened.
+class VolumeTest : public ProviderTest {
+  protected:
+    VolumeTest() {
+        claim();
+        volume = openVolume();
+        log.clear();
+    }
+
+    kmp_obj* volume;
 };
 
 #endif

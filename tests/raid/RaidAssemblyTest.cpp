@@ -199,38 +199,18 @@ TEST(RaidAssembly, FindsAVolumeByDiskNameAndPartitionStart) {
     }
 }
 
-TEST(RaidAssembly, StripesUnequalMembersInZones) {
-    using Zones = std::vector<std::pair<std::uint64_t, std::vector<std::string>>>;
-    const struct {
-        std::uint32_t level;
-        std::vector<std::uint64_t> chunks; // of the members a, b, ...
-        Zones zones;
-    } arrays[] = {
-        {0, {100, 100, 60}, {{180, {"a", "b", "c"}}, {80, {"a", "b"}}}},
-        {0, {0, 0}, {}},
-        {10, {9, 1, 3, 0}, {{6, {"a", "c"}}, {6, {"a"}}}},
-        {10, {5, 5}, {}},
-        {10, {5, 5, 5}, {}},
-    };
-    for (const auto& array : arrays) {
-        std::vector<RvpDisk> disks;
-        for (const std::uint64_t chunks : array.chunks) {
-            const char name = static_cast<char>('a' + disks.size());
-            disks.push_back(makeDisk({name}, 2048, chunks * 8 + 7)); // a part does not count
-        }
-        const auto count = static_cast<std::uint32_t>(disks.size());
-        disks.push_back(makeDisk("late")); // joins the array, and changes nothing else
-        RvpRaid raid;
-        addV090(raid, {.level = array.level, .disks = count}, disks);
-        const RaidVolume* volume = raid.getRaidVolume(1);
-        ASSERT_THAT(volume, NotNull());
-        EXPECT_EQ(volume->members.size(), disks.size());
-        Zones zones;
-        for (const Raid_0_Segment& segment : volume->segments) {
-            zones.emplace_back(segment.chunks, namesOf(segment.members));
-        }
-        EXPECT_EQ(zones, array.zones);
-    }
+TEST(RaidAssembly, AMemberThatComesLateChangesNothingElse) {
+    RvpRaid raid;
+    const RvpDisk stub = makeDisk("c", 2048, 7); // holds no chunk
+    addV090(raid, {.level = 0}, {makeDisk("a"), makeDisk("b"), stub, makeDisk("late")});
+    const RaidVolume& volume = *raid.getRaidVolume(1);
+    EXPECT_THAT(namesOf(volume.members), ElementsAre("a", "b", "c", "late"));
+    ASSERT_EQ(volume.segments.size(), 1U);
+    EXPECT_EQ(volume.segments.front().chunks, 2 * 1024U);
+    EXPECT_THAT(namesOf(volume.segments.front().members), ElementsAre("a", "b"));
+    addV090(raid, {.level = 0, .disks = 2, .chunkSectors = 0, .number = 2, .uuidWord = 2},
+            {makeDisk("a"), makeDisk("b")});
+    EXPECT_EQ(raid.getRaidVolume(2)->segments.size(), 0U) << "without a chunk size";
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 
 #include "Error.h"
 #include "RvpRaid.h"
+#include "support/ErrorListener.h"
 #include "support/LogCapture.h"
 
 #include <gmock/gmock.h>
@@ -134,16 +135,10 @@ inline std::optional<Mapped> mapAddress(RvpRaid& raid, RvpVolume volume, unsigne
     return Mapped{memberOffset, run, disk == nullptr ? "" : disk->name, start};
 }
 
-// Logging is decided once in a process, at the first question.
-inline const bool LOGGING_IS_ON = (km_debug_level = 1) != 0;
-
 // Hears the log lines and the errors that the host is told, as long as it lives.
 class HostEar {
   public:
-    HostEar() {
-        s_errors.clear();
-        Error::s_pHandler = &m_handler;
-    }
+    HostEar() { Error::s_pHandler = &m_listener; }
     ~HostEar() { Error::s_pHandler = nullptr; }
     HostEar(const HostEar&) = delete;
     HostEar& operator=(const HostEar&) = delete;
@@ -151,7 +146,8 @@ class HostEar {
     // One error of code 1 reported: raised by the operation, told to the host, logged for it and
     // once more.
     void expectReport(const std::string& function, const std::string& check) const {
-        EXPECT_THAT(s_errors, testing::ElementsAre("Internal error in liborma (2)"));
+        EXPECT_THAT(m_listener.heard, testing::ElementsAre(ErrorListener::Heard{
+                                          "Internal error in liborma", true, 2}));
         const auto told =
             testing::MatchesRegex("log:Error <WARN> Error: 0x00000001 occured in file "
                                   "plugin/common/map_v2/rvp/RvpRaid, at line [0-9]+");
@@ -159,16 +155,11 @@ class HostEar {
                                                   told, told));
     }
     std::vector<std::string> lines() const { return m_log.lines(); }
-
-    static inline std::vector<std::string> s_errors; // text and severity
+    bool heardErrors() const { return !m_listener.heard.empty(); }
 
   private:
-    static void hearError(kmp_ehandler*, const char* english, const char*, int severity) {
-        s_errors.push_back(std::string(english) + " (" + std::to_string(severity) + ")");
-    }
-
     LogCapture m_log;
-    kmp_ehandler m_handler{.handler = &HostEar::hearError};
+    ErrorListener m_listener;
 };
 
 #endif

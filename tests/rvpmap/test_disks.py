@@ -81,13 +81,30 @@ class Disks(ToolTest):
                 result.append([offset, length, path, at])
         return result
 
-    def test_what_no_volume_holds(self):
+    def test_a_member_is_not_taken_for_the_array_silently(self):
+        # The first member begins as the file system does.
+        done = self.run_tool(*self.disks, "claim", "m0.img")
+        self.assertIn(f"m0.img: {self.array} lies on it", done.stderr.decode())
+        self.assertEqual(self.run_tool(*self.disks, "claim", self.array).stderr, b"")
+
+    def test_what_no_file_holds(self):
         size = (self.folder / "m0.img").stat().st_size
-        pieces = self.on("owner", "m0.img", f"{size - 4096}+4K")
-        self.assertEqual([piece["owner"] for piece in pieces], ["no-volume"])
+        pieces = self.on("owner", "m0.img", f"{size - 4096}+5K")
+        self.assertEqual([(piece["owner"], piece["length"], piece.get("volume")) for piece in pieces],
+                         [("array-metadata", 4096, "m0.img"), ("outside", 1024, None)])
+        # A chunk of every row.
+        parity = 0
+        for disk in NAMES:
+            parity += sum(piece["length"] for piece in self.on("owner", disk, f"0+{size}")
+                          if piece["owner"] == "parity" and piece["volume"] == self.array)
+        self.assertEqual(parity, 8448 * 512 // 2)
+        self.assertIn("(array parity)", self.text(*self.disks, "owner", "m0.img", f"0+{size}"))
         pieces = self.on("owner", "m0.img", "0+1K")
         self.assertEqual((pieces[0]["owner"], pieces[0]["volume"]),
                          ("free-or-metadata", self.array))
+        done = self.run_tool("-d", "m0.img", "owner", "m0.img", "0")
+        self.assertIn(b"(in no volume that can be read)", done.stdout)
+        self.assertIn(b"roles 1, 2 are missing", done.stderr)
 
     def test_a_missing_member_is_rebuilt_from_the_others(self):
         whole = [run for run in self.physical_runs() if run[0] == "m1.img"]

@@ -80,6 +80,15 @@ class Extract(ToolTest):
         self.assertIn("encoded", self.json("extents", "image", "/f")["extents"][0]["flags"])
         self.assertEqual(self.left_over(), [])
 
+    def written_by(self, tool):
+        """The files of the folder that the tool has open but for the image, nameless ones too."""
+        try:
+            names = [os.readlink(entry.path) for entry in os.scandir(f"/proc/{tool.pid}/fd")]
+        except OSError:
+            return []
+        return [name for name in names if name.startswith(f"{self.folder}/")
+                and name != f"{self.folder}/image"]
+
     def test_an_interruption_leaves_nothing(self):
         with open(self.source / "f", "wb") as file:
             for _ in range(96):
@@ -88,13 +97,13 @@ class Extract(ToolTest):
         for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
             with subprocess.Popen([TOOL, "extract", "image", "/f", "-o", "out"],
                                   cwd=self.folder) as tool:
-                while not self.left_over() and tool.poll() is None:
+                while not self.written_by(tool) and tool.poll() is None:
                     time.sleep(0.0005)
                 tool.send_signal(signal.SIGSTOP)
-                started = self.left_over()
+                started = self.written_by(tool)
                 tool.send_signal(number)
                 tool.send_signal(signal.SIGCONT)
                 status = tool.wait()
-            self.assertTrue(started and started[0].startswith(".rvpmap-"), started)
+            self.assertTrue(started)
             self.assertEqual(status, -number)
             self.assertEqual(self.left_over(), [])

@@ -33,12 +33,17 @@ class ProgressLine(ToolTest):
 
     def test_rate_and_time_left(self):
         (self.source / "big").write_bytes(b"b" * 12_000_000)
-        self.image(size="32M")
-        shown = self.standard_error_on_a_terminal("extract", "image", "/big", "-o", "-",
-                                                  slow_reader=True)
-        self.assertRegex(shown, r"extract \[#* *\] +\d+ %, \d+ s left, [\d.]+MB, [\d.]+[KM]B/s")
-        # The line is cleared in the end.
-        self.assertTrue(shown.endswith("\r\033[K"), shown[-40:])
+        for number in range(1500):
+            (self.source / f"{number}").touch()
+        self.image("-N", "3000", size="32M")
+        bar = r" \[#* *\] +\d+ %, \d+ s left, "
+        for command, words in ((["extract", "image", "/big", "-o", "-"],
+                                f"extract{bar}[\\d.]+MB, [\\d.]+[KM]B/s"),
+                               (["catalog", "image"], f"catalog{bar}\\d+ files, \\d+/s")):
+            shown = self.standard_error_on_a_terminal(*command, slow_reader=True)
+            self.assertRegex(shown, words)
+            # The line is cleared in the end.
+            self.assertTrue(shown.endswith("\r\033[K"), shown[-40:])
 
     def test_silence_elsewhere(self):
         (self.source / "big").write_bytes(b"b" * 1_000_000)

@@ -66,8 +66,8 @@ def stripes(start, count, *areas, size=8):
                    + f"stripes = [\n{listed}\n]")
 
 
-def volume(name, *segments, visible=True):
-    status = '"READ", "WRITE"' + (', "VISIBLE"' if visible else "")
+def volume(name, *segments, visible=True, status=""):
+    status = '"READ", "WRITE"' + (', "VISIBLE"' if visible else "") + status
     body = "\n".join(f"segment{i + 1} {{\n{one}}}" for i, one in enumerate(segments))
     return (f"{name} {{\nid = \"{dashed(identifier(7))}\"\nstatus = [{status}]\n"
             f"read_ahead = -1\ncreation_host = \"a # \\\"host\\\" = -1\"\n"

@@ -63,11 +63,11 @@ def checksum(block, roles):
 
 
 def superblock(role, *, version, level, layout, disks, chunk, component, data, sector, uuid, name,
-               events=10, features=(), resync=2**64 - 1, raw_role=None, device=None):
+               events=10, features=(), resync=2**64 - 1, says=None, device=None):
     roles = max(disks, role + 1) + (-max(disks, role + 1)) % 2
     table = list(range(disks)) + [SPARE] * (roles - disks)
-    if raw_role is not None:
-        table[role] = raw_role
+    for number, said in (says or {}).items():
+        table[number] = said
     block = bytearray(4096)
     struct.pack_into("<IIII16s32sQiIQII", block, 0, MAGIC, 1, sum(FEATURES[f] for f in features), 0,
                      uuid, name, 1_700_000_000, level, layout, component // SECTOR,

@@ -12,6 +12,10 @@ class StackTest(ToolTest):
     def disk(self, name, content):
         (self.folder / name).write_bytes(content)
 
+    def sfdisk(self, disk, script, *options):
+        subprocess.run(["/usr/sbin/sfdisk", "-q", *options, disk], cwd=self.folder, check=True,
+                       input=script.encode(), capture_output=True)
+
     def options(self, disks):
         return [word for disk in disks for word in ("-d", disk)]
 
@@ -39,6 +43,10 @@ class StackTest(ToolTest):
         """Read through the layers and by the runs on the disks."""
         for way in ("layers", "disks"):
             self.assertTrue(self.read(node, disks, way) == content, (node, disks, way))
+
+    def uses(self, node, disks):
+        """How many bytes of the disks are the node's data, copies, what it is rebuilt from, parity."""
+        return tuple(map(int, self.read(node, disks, "uses").split()))
 
     def check_refused(self, node, disks, words):
         found = self.scan(disks)[node]

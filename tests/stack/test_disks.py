@@ -1,12 +1,13 @@
 """Disks and their partitions, names, and whole stacks down to files."""
 import hashlib
 import os
+import sqlite3
 import struct
 import subprocess
 import sys
 import zlib
 
-from lvm_disks import EXTENT, group, physical_volume, stripes, volume
+from lvm_disks import DATA_START, EXTENT, group, physical_volume, stripes, volume
 from md_disks import make_array
 from stack_support import StackTest, noise
 from support import TOOL
@@ -18,8 +19,7 @@ class Partitions(StackTest):
     def table(self, name, size, script, *options):
         with open(self.folder / name, "wb") as file:
             file.truncate(size)
-        subprocess.run(["/usr/sbin/sfdisk", "-q", *options, name], cwd=self.folder, check=True,
-                       input=script.encode(), capture_output=True)
+        self.sfdisk(name, script, *options)
 
     def fill(self, name, start, content):
         with open(self.folder / name, "r+b") as file:
@@ -97,6 +97,25 @@ class Names(StackTest):
         nodes = self.scan(["a/disk.img", "b/disk.img", "link", "a/disk.img"])
         self.assertEqual(set(nodes), {"a/disk.img", "b/disk.img"})
         self.assertEqual(nodes["a/disk.img"]["note"].count("was given twice"), 2)
+
+    def test_block_devices(self):
+        content = noise(4096 * 24, 2)
+        images = make_array(content, level=1, disks=2)
+        for name, image in zip(("a", "b"), images):
+            self.disk(name, image)
+        try:
+            device = self.command("losetup", "-r", "-f", "--show", "a").decode().strip()
+        except (OSError, subprocess.CalledProcessError):
+            self.skipTest("no loop device can be had")
+        try:
+            self.assertEqual(self.scan([device, "b"])["md0"]["state"], "ok")
+            self.check_content("md0", [device, device, "b"], content)
+            self.assertEqual(self.scan([device])[os.path.basename(device)]["size"], len(images[0]))
+            asked = ["-d", device, "owner", device, "0", str(len(images[0]))]
+            self.assertEqual([piece["owner"] for piece in self.json(*asked)],
+                             ["array-metadata", "outside"])
+        finally:
+            self.command("losetup", "-d", device)
 
     def test_names_that_need_quoting(self):
         content = noise(4096 * 24, 1)
@@ -192,6 +211,51 @@ class WholeStacks(StackTest):
         text = self.text(*self.options(self.names[1:]), "extents", "--physical", "vg0/root",
                          "/d/f19")
         self.assertIn("rebuilt from disk0.img@", text)
+
+    def test_owners_seen_from_every_layer(self):
+        half = (self.folder / "image").stat().st_size // 2
+        places = [(DATA_START + half + 5 * EXTENT, 0, half), (DATA_START, half, half)]
+        options = self.options(self.names)
+        for path in self.paths()[1::3]:
+            run = self.json(*options, "extents", "vg0/root", path)["extents"][-1]
+            at, logical = next((place + run["physical"] - start, run["logical"])
+                               for place, start, length in places
+                               if start <= run["physical"] < start + length)
+            piece = self.json(*options, "extents", "--physical", "vg0/root", path)["extents"][-1]
+            for node, offset, logical in (("md0", at, logical),
+                                          (piece["disk"], piece["offset"], piece["logical"])):
+                found = self.json(*options, "owner", node, str(offset))
+                self.assertEqual([(one["volume"], one["path"], one["file_offset"], one["copy"])
+                                  for one in found], [("vg0/root", path, logical, False)])
+        self.assertEqual([self.json(*options, "owner", node, "0")[0]["owner"]
+                          for node in ("md0", self.names[0])], ["group-metadata", "array-metadata"])
+        self.assertEqual(self.uses("vg0/root", self.names), (2 * half, 0, 0, 0))
+        parity = sum(piece["length"] for name in self.names
+                     for piece in self.json(*options, "owner", name, "0+1G")
+                     if piece["owner"] == "parity" and piece["volume"] == "md0")
+        self.assertEqual(parity, self.scan(self.names)["md0"]["size"] // 2)
+
+    def test_both_legs_of_a_mirror(self):
+        images = make_array((self.folder / "image").read_bytes(), level=1, disks=2)
+        for i, image in enumerate(images):
+            self.disk(f"leg{i}", image)
+        options = self.options(["leg0", "leg1"])
+        run = self.json(*options, "extents", "--physical", "md0", "/d/f9")["extents"][0]
+        self.assertEqual(run["disk"], "leg0")
+        for leg in (0, 1):
+            (piece,) = self.json(*options, "owner", f"leg{leg}", str(run["offset"]))
+            self.assertEqual((piece["path"], piece["copy"]), ("/d/f9", leg == 1))
+        self.run_tool(*options, "map", "md0", "-o", "m.svg")
+        self.assertEqual((self.folder / "m.svg").read_text().count(">leg"), 2)
+        self.run_tool(*options, "catalog", "md0", "--extents", "--format", "sqlite", "-o", "m.db")
+        database = sqlite3.connect(self.folder / "m.db")
+        self.addCleanup(database.close)
+        legs = [database.execute("SELECT extent, logical, offset, length FROM disk_run WHERE copy = ?"
+                                 " AND disk = ? ORDER BY extent, logical", (leg, leg + 1)).fetchall()
+                for leg in (0, 1)]
+        self.assertEqual(*legs)
+        self.assertEqual(database.execute("SELECT count(*) FROM disk_run").fetchone()[0],
+                         2 * len(legs[0]))
 
     def test_a_plain_image(self):
         found = self.json("extents", "--physical", "image", "/d/f9")

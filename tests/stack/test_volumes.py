@@ -1,4 +1,6 @@
 """LVM2: segments of every kind, and metadata in every kind of trouble."""
+import struct
+
 import lvm_disks
 from lvm_disks import EXTENT, group, physical_volume, segment, stripes, volume
 from stack_support import DATA, StackTest, noise
@@ -29,6 +31,7 @@ class Volumes(StackTest):
         striped = b"".join(data[at:at + 2048] for at in range(0, 2 * EXTENT, 2048)
                            for data in (one[2 * EXTENT:], two[8 * EXTENT:]))
         self.check_content("vg0/striped", self.names[::-1], striped)
+        self.assertEqual(self.uses("vg0/striped", self.names), (4 * EXTENT, 0, 0, 0))
         self.check_content("vg0/empty", self.names, bytes(2 * EXTENT))
         self.assertEqual(self.scan(self.names)["vg0"]["type"], "vg")
 
@@ -43,6 +46,16 @@ class Volumes(StackTest):
         for name in ("vg0/mirror", "vg0/raid"):
             self.check_content(name, self.names, extents(self.content[1], 4, 5))
         self.assertNotIn("vg0/m_image_0", self.scan(self.names))
+        # A leg that is being rebuilt is not read, the other then is.
+        legs[0] = volume("m_image_0", stripes(0, 2, ("pv1", 4)), visible=False, status=', "REBUILD"')
+        self.write(*legs, volume("v", segment(0, 2, "mirror", 'mirror_count = 2\nmirrors = '
+                                              '["m_image_0", 0, "m_image_1", 0]')))
+        self.check_content("vg0/v", self.names, extents(self.content[2], 4, 5))
+        self.content[2] = self.content[1]
+        self.write(*legs[1:], volume("m_image_0", stripes(0, 2, ("pv1", 4))),
+                   volume("v", segment(0, 2, "raid1", 'device_count = 2\nraids = ["m_meta_0", '
+                                       '"m_image_0", "m_meta_1", "m_image_1"]')))
+        self.assertEqual(self.uses("vg0/v", self.names), (2 * EXTENT, 2 * EXTENT, 0, 0))
 
     def test_what_is_refused(self):
         def thin(kind):
@@ -52,11 +65,21 @@ class Volumes(StackTest):
         snapshot = [volume("v", stripes(0, 2, ("pv1", 0))), volume("o", stripes(0, 2, ("pv1", 2))),
                     volume("snapshot0", segment(0, 2, "snapshot",
                                                 'origin = "o"\ncow_store = "v"'))]
+        merging = [volume("o", stripes(0, 2, ("pv1", 0))), volume("v", stripes(0, 2, ("pv1", 2))),
+                   volume("snapshot0", segment(0, 2, "snapshot",
+                                               'origin = "v"\nmerging_store = "o"'))]
         for volumes, words in (
                 *([[thin(kind)], f"type {kind}, which is not supported"]
                   for kind in ("thin", "thin-pool", "cache", "raid5_ls", "vdo", "error")),
-                (snapshot, "is a snapshot"),
+                (snapshot, "is a snapshot"), (merging, "is being merged with a snapshot"),
+                ([volume("v", stripes(0, 2, ("pv1", 0)), status=', "REBUILD"')], "not rebuilt"),
+                ([volume("v", stripes(0, 4, ("pv1", 0), ("pv2", 0), size=3))],
+                 "stripes make no sense"),
                 (on_each_other, "lies on itself"),
+                ([volume("v", stripes(0, 1, ("v0", 0))), volume("v19", stripes(0, 1, ("pv1", 0))),
+                  *(volume(f"v{i}", stripes(0, 1, (f"v{i + 1}", 0))) for i in range(19))],
+                 "on too many others in a row"),
+                ([volume("v", segment(0, 1 << 52, "zero", ""))], "larger than any disk"),
                 ([volume("v", stripes(0, 2, ("pv1", 15)))], "outside of its physical volume pv1"),
                 ([volume("v", stripes(0, 2, ("w", 0))), volume("w", stripes(0, 1, ("pv1", 0)))],
                  "outside of w"),
@@ -89,10 +112,28 @@ class Volumes(StackTest):
                           self.message(*self.options(["p1"]), "ls", "vg0/v", status=1))
         self.disk("p1", physical_volume(1, text, self.content[1], broken=[0, 1]))
         self.assertNotIn("vg0", self.scan(["p1"]))
-        image = bytearray(physical_volume(1, text, self.content[1]))
-        image[512 + 40] ^= 1
-        self.disk("p1", image)
-        self.assertIn("label in sector 1 is not used: its checksum", self.scan(["p1"])["p1"]["note"])
+        # Of the label's sector, or of both areas' headers: bytes that are changed, and where the
+        # checksum lies that is made to fit, and what it sums.
+        whole = physical_volume(1, text, self.content[1])
+        label, areas = [512], [4096, len(whole) - lvm_disks.AREA_SIZE]
+        for sectors, at, value, summed, words in (
+                (label, 40, b"\1", None, "label in sector 1 is not used: its checksum"),
+                (label, 8, b"\2", (16, 20), "it makes no sense"),
+                (label, 96, b"\1" * 416, (16, 20), "its lists do not end"),
+                (areas, 100, b"\1", None, "the checksum of its header is wrong"),
+                (areas, 20, b"\2", (0, 4), "its header makes no sense"),
+                (areas, 46, b"\1", (0, 4), "its text lies outside of it")):
+            image = bytearray(whole)
+            for sector in sectors:
+                image[sector + at:sector + at + len(value)] = value
+                if summed:
+                    place, start = summed
+                    struct.pack_into("<I", image, sector + place,
+                                     lvm_disks.crc(image[sector + start:sector + 512]))
+            self.disk("p1", image)
+            nodes = self.scan(["p1"])
+            self.assertIn(words, nodes["p1"]["note"])
+            self.assertNotIn("vg0", nodes)
 
     def test_places_and_copies_of_the_metadata(self):
         old = group([volume("v", stripes(0, 2, ("pv1", 1)))], {1: 16, 2: 16}, seqno=3)

@@ -1,7 +1,7 @@
 // Catches the lines that reach the host while it lives.
 //
-// Whether anything is logged is decided once in a process, so the programs that use this switch
-// logging on before main; the tests run in a process each.
+// Whether anything is logged is decided at the first question in a process. Programs that use this
+// log, without call traces; tests run in a process each and may decide otherwise at their start.
 #ifndef TESTS_LOGCAPTURE_H
 #define TESTS_LOGCAPTURE_H
 
@@ -10,6 +10,11 @@
 #include <regex>
 #include <string>
 #include <vector>
+
+inline const bool g_loggingIsOn = [] {
+    km_debug_level = 1;
+    return true;
+}();
 
 class LogCapture {
   public:

@@ -9,6 +9,8 @@
 
 namespace {
 
+constexpr const char* OWN_DESCRIPTORS = "/proc/self/fd";
+
 [[noreturn]] void fail() {
     throw std::system_error(errno, std::generic_category());
 }
@@ -21,11 +23,25 @@ std::string newTemporaryName() {
 
 } // namespace
 
-AtomicFile::AtomicFile(int directory, const std::string& name)
+AtomicFile::AtomicFile(int directory, const std::string& name, Until until)
     : m_directory(directory), m_name(name) {
+    if (until == Until::NAMED || !createNameless()) {
+        createNamed();
+    }
+}
+
+// Not every file system has such files, and without /proc they get no name.
+bool AtomicFile::createNameless() {
+    if (::access(OWN_DESCRIPTORS, X_OK) == 0) {
+        m_file = UniqueFd(::openat(m_directory, ".", O_RDWR | O_TMPFILE | O_CLOEXEC, 0600));
+    }
+    return m_file.valid();
+}
+
+void AtomicFile::createNamed() {
     do {
         m_temporary = newTemporaryName();
-        m_file = UniqueFd(::openat(directory, m_temporary.c_str(),
+        m_file = UniqueFd(::openat(m_directory, m_temporary.c_str(),
                                    O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     } while (!m_file.valid() && errno == EEXIST);
     if (!m_file.valid()) {
@@ -42,8 +58,14 @@ AtomicFile::~AtomicFile() {
 
 // Closing comes first: some file systems report a full disk only there.
 void AtomicFile::commit(Existing existing) {
+    if (m_temporary.empty()) {
+        nameIt(existing);
+    }
     if (m_file.reset() != 0) {
         fail();
+    }
+    if (m_temporary.empty()) {
+        return;
     }
     if (existing == Existing::KEEP) {
         renameToKeep();
@@ -51,6 +73,22 @@ void AtomicFile::commit(Existing existing) {
         fail();
     }
     m_temporary.clear();
+}
+
+// Gives a nameless file its name, or a temporary one where it is to replace a file: no link does.
+void AtomicFile::nameIt(Existing existing) {
+    const std::string source = fmt::format("{}/{}", OWN_DESCRIPTORS, m_file.get());
+    std::string target = m_name;
+    while (::linkat(AT_FDCWD, source.c_str(), m_directory, target.c_str(), AT_SYMLINK_FOLLOW) !=
+           0) {
+        if (errno != EEXIST || existing == Existing::KEEP) {
+            fail();
+        }
+        target = newTemporaryName();
+    }
+    if (target != m_name) {
+        m_temporary = target;
+    }
 }
 
 // Not every file system can rename without replacing; a hard link can stand in.

@@ -48,17 +48,14 @@ class Copier {
     virtual void put(uint64_t logical, uint64_t physical, std::size_t length) = 0;
     virtual void finish(uint64_t size) = 0;
 
+    const Volume& volume() const { return m_file.volume(); }
+
     const char* read(uint64_t physical, std::size_t length) {
         if (!m_buffer) {
             m_buffer = std::make_unique_for_overwrite<Page[]>(PIECE_BYTES / sizeof(Page));
         }
         char* bytes = m_buffer[0].bytes;
-        try {
-            m_file.volume().readData(physical, length, bytes);
-        } catch (const SourceError& error) {
-            throw ToolError(ExitStatus::FAILED,
-                            fmt::format("its data cannot be read: {}", error.what()));
-        }
+        volume().readData(physical, length, bytes);
         return bytes;
     }
 
@@ -69,7 +66,12 @@ class Copier {
             checkSignals();
             const auto piece =
                 static_cast<std::size_t>(std::min<uint64_t>(length - done, PIECE_BYTES));
-            put(run.logical + done, run.physical + done, piece);
+            try {
+                put(run.logical + done, run.physical + done, piece);
+            } catch (const SourceError& error) {
+                throw ToolError(ExitStatus::FAILED,
+                                fmt::format("its data cannot be read: {}", error.what()));
+            }
             m_progress.advance(piece);
             done += piece;
         }
@@ -88,6 +90,27 @@ class FileCopier : public Copier {
 
   private:
     void put(uint64_t logical, uint64_t physical, std::size_t length) override {
+        const std::size_t sent = send(logical, physical, length);
+        write(logical + sent, physical + sent, length - sent);
+    }
+
+    // The bytes that the kernel copied. Where it cannot, between file systems or from a device, it
+    // is not asked again.
+    std::size_t send(uint64_t logical, uint64_t physical, std::size_t length) {
+        std::size_t sent = 0;
+        while (m_kernelCopies && sent < length) {
+            const std::size_t count =
+                volume().sendData(physical + sent, length - sent, m_target, logical + sent);
+            m_kernelCopies = count != 0;
+            sent += count;
+        }
+        return sent;
+    }
+
+    void write(uint64_t logical, uint64_t physical, std::size_t length) {
+        if (length == 0) {
+            return;
+        }
         const char* bytes = read(physical, length);
         for (std::size_t done = 0; done < length;) {
             const ssize_t count =
@@ -106,6 +129,7 @@ class FileCopier : public Copier {
     }
 
     int m_target;
+    bool m_kernelCopies = true;
 };
 
 class StreamCopier : public Copier {

@@ -35,6 +35,13 @@ void appendEscaped(TextBuffer& out, std::string_view character) {
     appendSeconds(out, time);
 }
 
+void appendIndexAndType(TextBuffer& out, const File& file) {
+    appendMember(out, ",\"index\":", file.index());
+    append(out, ",\"type\":\"");
+    append(out, typeName(file.typeBits()));
+    out.push_back('"');
+}
+
 void appendTimes(TextBuffer& out, const kmp_file& attributes) {
     appendTime(out, ",\"atime\":", attributes.accessTime);
     appendTime(out, ",\"mtime\":", attributes.modifyTime);
@@ -87,10 +94,8 @@ void appendJsonStat(TextBuffer& out, const std::string& path, const File& file,
                     const std::optional<std::string>& target) {
     const kmp_file& attributes = file.attributes();
     appendJsonName(out, "path", path);
-    appendMember(out, ",\"index\":", file.index());
-    append(out, ",\"type\":\"");
-    append(out, typeName(file.typeBits()));
-    appendMember(out, "\",\"mode\":", attributes.mode);
+    appendIndexAndType(out, file);
+    appendMember(out, ",\"mode\":", attributes.mode);
     appendMember(out, ",\"nlink\":", attributes.linkCount);
     appendMember(out, ",\"uid\":", attributes.owner & UINT32_MAX);
     appendMember(out, ",\"gid\":", attributes.owner >> 32);
@@ -110,25 +115,29 @@ void appendJsonEntry(TextBuffer& out, std::string_view name, const std::string& 
     appendJsonName(out, "name", name);
     out.push_back(',');
     appendJsonName(out, "path", path);
-    appendMember(out, ",\"index\":", file.index());
-    append(out, ",\"type\":\"");
-    append(out, typeName(file.typeBits()));
-    appendMember(out, "\",\"size\":", attributes.size);
+    appendIndexAndType(out, file);
+    appendMember(out, ",\"size\":", attributes.size);
     appendMember(out, ",\"mode\":", attributes.mode);
     out.push_back('}');
+}
+
+void appendJsonFlags(TextBuffer& out, uint32_t flags) {
+    out.push_back('[');
+    bool first = true;
+    forEachFlag(flags, [&](std::string_view name) {
+        append(out, first ? "\"" : ",\"");
+        append(out, name);
+        out.push_back('"');
+        first = false;
+    });
+    out.push_back(']');
 }
 
 void appendJsonExtent(TextBuffer& out, const Run& run, bool first) {
     appendMember(out, first ? "{\"logical\":" : ",{\"logical\":", run.logical);
     appendMember(out, ",\"physical\":", run.physical);
     appendMember(out, ",\"length\":", run.length);
-    append(out, ",\"flags\":[");
-    bool firstFlag = true;
-    forEachFlag(run.flags, [&](std::string_view name) {
-        append(out, firstFlag ? "\"" : ",\"");
-        append(out, name);
-        out.push_back('"');
-        firstFlag = false;
-    });
-    append(out, "]}");
+    append(out, ",\"flags\":");
+    appendJsonFlags(out, run.flags);
+    out.push_back('}');
 }

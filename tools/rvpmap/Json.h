@@ -21,6 +21,8 @@ void appendJsonStat(TextBuffer& out, const std::string& path, const File& file,
 void appendJsonEntry(TextBuffer& out, std::string_view name, const std::string& path,
                      const File& file);
 
+// The names of a run's flags, as an array.
+void appendJsonFlags(TextBuffer& out, uint32_t flags);
 // One extent object; `first` says whether a comma must come before it.
 void appendJsonExtent(TextBuffer& out, const Run& run, bool first);
 

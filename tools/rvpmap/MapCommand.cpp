@@ -2,6 +2,7 @@
 #include "FileVisit.h"
 #include "ResultFile.h"
 #include "Session.h"
+#include "Signals.h"
 #include "SvgPicture.h"
 #include "Text.h"
 
@@ -68,8 +69,10 @@ void writePicture(Session& session, const TextBuffer& svg) {
         append(session.output.buffer(), {svg.data(), svg.size()});
         return;
     }
-    ResultFile file(output);
+    noteSignals();
+    ResultFile file(output, AtomicFile::Until::NAMELESS);
     writeAll(file.descriptor(), svg.data(), svg.size(), printable(output));
+    checkSignals();
     file.commit();
 }
 

@@ -100,17 +100,20 @@ constexpr CommandText COMMANDS[] = {
      "  rvpmap map disk.img -o map.svg\n"
      "  rvpmap map disk.img /home/ada /var/lib/db -o map.svg\n"
      "  rvpmap map disk.img /var/log -o - | rsvg-convert > map.png\n"},
-    {Command::OWNER, "owner", "Tell which files own byte ranges of the volume",
+    {Command::OWNER, "owner", "Tell which files own byte ranges of a volume or disk",
      "A RANGE is OFFSET or OFFSET+LENGTH from the volume's start, in bytes (decimal, 0x "
      "hexadecimal,\n"
      "or with K, M, G, T behind it); without a length it is one byte. --ddrescue adds the areas "
      "of\n"
      "a map file of GNU ddrescue that could not be read. The volume is walked once for all of "
      "them.\n"
+     "With -d, a disk, partition or array can stand in place of the volume: its bytes are seen up\n"
+     "through all that lies on it.\n"
      "\n"
      "Examples:\n"
      "  rvpmap owner disk.img 0x1F400000+4K 750M\n"
      "  rvpmap owner disk.img --ddrescue disk.map\n"
+     "  rvpmap -d a.img -d b.img owner b.img --ddrescue b.map\n"
      "  rvpmap owner disk.img --ddrescue disk.map --json | jq -r '.[].path // empty' | sort -u\n"},
     {Command::SCAN, "scan", "Show what disks hold: partitions, arrays, logical volumes",
      "Disks are given by -d. Each name of the tree can stand as VOLUME for the other commands.\n"

@@ -1,13 +1,14 @@
-// The owners of bytes of one volume, or of a disk, seen up through everything that lies on it.
+// The owners of bytes of one volume, or of anything that volumes lie on, seen up through all of it.
 #include "DdrescueMap.h"
 #include "FileVisit.h"
 #include "OwnerPrinter.h"
 #include "Session.h"
 #include "SourceError.h"
 #include "Stack.h"
+#include "StackVolume.h"
 
 #include <algorithm>
-#include <set>
+#include <map>
 
 namespace {
 
@@ -23,40 +24,31 @@ std::vector<ByteRange> askedRanges(const Options& options) {
     return ranges;
 }
 
-// The ends of the tree above a disk: nodes that can be read and on which nothing else was found.
-void collectVolumes(const StackNode& node, std::set<const StackNode*>& seen,
-                    std::vector<const StackNode*>& volumes) {
-    if (!seen.insert(&node).second) {
-        return;
-    }
-    if (node.children.empty() && node.layer != nullptr) {
-        volumes.push_back(&node);
-    }
-    for (const StackNode* child : node.children) {
-        collectVolumes(*child, seen, volumes);
-    }
+// Whether something that was found on a node cannot be read.
+bool hidesBytes(const StackNode& node) {
+    return std::any_of(node.children.begin(), node.children.end(), [](const StackNode* child) {
+        const bool bad = child->state != NodeState::OK && child->state != NodeState::PARTIAL;
+        return child->layer == nullptr && (bad || hidesBytes(*child));
+    });
 }
 
-class DiskOwners {
+// Looks up from one node through all that lies on it.
+class NodeOwners {
   public:
-    DiskOwners(const Options& options, const Stack& stack, const StackNode& disk,
+    NodeOwners(const Options& options, const Stack& stack, const StackNode& ground,
                const std::vector<ByteRange>& ranges)
-        : m_stack(stack), m_provider(options.root), m_finder(ranges),
-          m_disk(static_cast<std::size_t>(
-              std::find(stack.disks().begin(), stack.disks().end(), &disk) -
-              stack.disks().begin())) {
-        std::set<const StackNode*> seen;
-        collectVolumes(disk, seen, m_volumes);
-    }
+        : m_stack(stack), m_ground(ground), m_provider(options.root), m_finder(ranges) {}
 
     OwnerFinder& find() {
-        for (const StackNode* volume : m_volumes) {
-            try {
-                addVolume(*volume);
-            } catch (const ToolError& error) {
-                fail(*volume, error.what());
-            } catch (const SourceError& error) {
-                fail(*volume, error.what());
+        const std::map<const StackNode*, std::size_t> heights = heightsAbove();
+        std::size_t top = 0;
+        for (const auto& [node, height] : heights) {
+            top = std::max(top, height);
+        }
+        for (const StackNode& node : m_stack.nodes()) {
+            const auto found = heights.find(&node);
+            if (found != heights.end()) {
+                lookAt(node, FIRST_REST_RANK + top - found->second);
             }
         }
         m_finder.finish();
@@ -65,22 +57,92 @@ class DiskOwners {
     bool failed() const { return m_failed; }
 
   private:
-    void fail(const StackNode& volume, const char* reason) {
-        printMessage(volume.name, reason);
-        m_failed = true;
+    // Behind the areas of volumes; what lies higher tells more.
+    static constexpr std::size_t PARITY_RANK = 1;
+    static constexpr std::size_t FIRST_REST_RANK = 2;
+
+    // Nodes come behind those on which they lie.
+    std::map<const StackNode*, std::size_t> heightsAbove() const {
+        std::map<const StackNode*, std::size_t> heights = {{&m_ground, 0}};
+        for (const StackNode& node : m_stack.nodes()) {
+            for (const StackNode* parent : node.parents) {
+                const auto below = heights.find(parent);
+                if (below != heights.end()) {
+                    heights[&node] = std::max(heights[&node], below->second + 1);
+                }
+            }
+        }
+        return heights;
     }
 
-    void addVolume(const StackNode& node) {
-        const PhysicalMap map(*node.layer, &m_stack);
+    void lookAt(const StackNode& node, std::size_t rank) {
+        if (&node != &m_ground) {
+            printNotes(node);
+        }
+        if (node.layer == nullptr) {
+            return;
+        }
+        const std::vector<LayerUse> uses = usesOfRanges(*node.layer);
+        m_finder.addAreas(PARITY_RANK, AreaKind::PARITY, {node.name, ""},
+                          chosen(uses, [](UseKind kind) { return kind == UseKind::PARITY; }));
+        if (node.children.empty()) {
+            lookInto(node, uses);
+        } else {
+            m_finder.addAreas(rank, hidesBytes(node) ? AreaKind::HIDDEN : AreaKind::REST,
+                              {node.name, node.rest}, held(uses));
+        }
+    }
+
+    std::vector<LayerUse> usesOfRanges(const Layer& layer) const {
+        std::vector<LayerUse> uses;
+        for (const ByteRange& range : m_finder.ranges().ranges()) {
+            for (const LayerUse& use :
+                 layer.uses({m_ground.layer, range.begin}, range.end - range.begin)) {
+                uses.push_back(use);
+            }
+        }
+        return uses;
+    }
+
+    template <typename Wanted>
+    static std::vector<LayerUse> chosen(const std::vector<LayerUse>& uses, Wanted wanted) {
+        std::vector<LayerUse> result;
+        std::copy_if(uses.begin(), uses.end(), std::back_inserter(result),
+                     [&](const LayerUse& use) { return wanted(use.kind); });
+        return result;
+    }
+
+    static std::vector<LayerUse> held(const std::vector<LayerUse>& uses) {
+        return chosen(uses, [](UseKind kind) { return kind <= UseKind::COPY; });
+    }
+
+    void lookInto(const StackNode& node, const std::vector<LayerUse>& uses) {
+        if (uses.empty()) {
+            return;
+        }
+        try {
+            addVolume(node, uses);
+        } catch (const ToolError& error) {
+            fail(node, uses, error.what());
+        } catch (const SourceError& error) {
+            fail(node, uses, error.what());
+        }
+    }
+
+    void fail(const StackNode& volume, const std::vector<LayerUse>& uses, const char* reason) {
+        printMessage(volume.name, reason);
+        m_failed = true;
+        m_finder.addAreas(PARITY_RANK, AreaKind::HIDDEN, {volume.name, ""}, held(uses));
+    }
+
+    void addVolume(const StackNode& node, const std::vector<LayerUse>& uses) {
         Volume volume(m_provider, *node.layer, node.name);
         if (!volume.claim()) {
-            m_finder.beginVolume(node.name, map, m_disk, node.layer->size(), AreaKind::UNREAD);
+            m_finder.beginVolume(node.name, uses, 0);
             return;
         }
         volume.open();
-        m_finder.beginVolume(node.name, map, m_disk,
-                             std::min(volume.fileSystemBytes(), node.layer->size()),
-                             AreaKind::FILE_SYSTEM);
+        m_finder.beginVolume(node.name, uses, volume.fileSystemBytes());
         Failures failures(node.name, Failures::When::AT_ONCE);
         visitEveryFile(volume, "owner", failures,
                        [&](const std::string& path, File& file) { m_finder.add(path, file); });
@@ -88,10 +150,9 @@ class DiskOwners {
     }
 
     const Stack& m_stack;
+    const StackNode& m_ground;
     Provider m_provider;
     OwnerFinder m_finder;
-    std::size_t m_disk;
-    std::vector<const StackNode*> m_volumes;
     bool m_failed = false;
 };
 
@@ -110,13 +171,13 @@ ExitStatus runOwner(Session& session) {
     return failures.count() == 0 ? ExitStatus::DONE : ExitStatus::FAILED;
 }
 
-ExitStatus runDiskOwner(const Options& options, const Stack& stack, const StackNode& disk,
+ExitStatus runNodeOwner(const Options& options, const Stack& stack, const StackNode& ground,
                         const Table& table) {
     const std::vector<ByteRange> ranges = askedRanges(options);
-    DiskOwners owners(options, stack, disk, ranges);
+    NodeOwners owners(options, stack, ground, ranges);
     const OwnerFinder& finder = owners.find();
     Output output;
-    printOwners(output, table, options.json, finder, ranges, Ground::DISK);
+    printOwners(output, table, options.json, finder, ranges, Ground::STACK);
     output.flush();
     return owners.failed() ? ExitStatus::FAILED : ExitStatus::DONE;
 }

@@ -3,26 +3,56 @@
 #include <algorithm>
 
 void OwnerFinder::beginVolume(uint64_t fileSystemBytes) {
-    m_map = nullptr;
-    m_volumes.emplace_back();
-    m_ranges.forEachCommon(0, fileSystemBytes, [&](const ByteRange& common) {
-        m_areas.add({common, AreaKind::FILE_SYSTEM, m_volumes.size() - 1});
-    });
+    std::vector<LayerUse> uses;
+    for (const ByteRange& range : m_ranges.ranges()) {
+        uses.push_back({range.begin, range.end - range.begin, UseKind::DATA, range.begin});
+    }
+    beginVolume("", uses, fileSystemBytes);
 }
 
-void OwnerFinder::beginVolume(const std::string& name, const PhysicalMap& map, std::size_t disk,
-                              uint64_t bytes, AreaKind kind) {
-    m_map = &map;
-    m_disk = disk;
-    m_volumes.push_back(name);
-    map.forEachRun(0, bytes, [&](const PhysicalRun& run) {
-        if (run.disk == disk && !run.rebuilt) {
-            m_ranges.forEachCommon(run.offset, run.offset + run.length,
-                                   [&](const ByteRange& common) {
-                                       m_areas.add({common, kind, m_volumes.size() - 1});
-                                   });
+void OwnerFinder::beginVolume(const std::string& name, const std::vector<LayerUse>& uses,
+                              uint64_t fileSystemBytes) {
+    m_volume = name;
+    m_uses = {};
+    m_holders.push_back({name, ""});
+    for (const LayerUse& use : uses) {
+        if (use.kind == UseKind::PARITY) {
+            continue;
         }
-    });
+        m_uses.add({{use.logical, use.logical + use.length}, use.offset, use.kind});
+        if (use.kind == UseKind::REBUILDS) {
+            continue;
+        }
+        const uint64_t inside =
+            std::min(use.length, fileSystemBytes - std::min(fileSystemBytes, use.logical));
+        addArea(0,
+                {{use.offset, use.offset + inside}, AreaKind::FILE_SYSTEM, m_holders.size() - 1});
+        addArea(0, {{use.offset + inside, use.offset + use.length},
+                    fileSystemBytes == 0 ? AreaKind::UNREAD : AreaKind::BEHIND,
+                    m_holders.size() - 1});
+    }
+    m_uses.sort();
+}
+
+void OwnerFinder::addAreas(std::size_t rank, AreaKind kind, const AreaHolder& holder,
+                           const std::vector<LayerUse>& uses) {
+    m_holders.push_back(holder);
+    for (const LayerUse& use : uses) {
+        addArea(rank, {{use.offset, use.offset + use.length}, kind, m_holders.size() - 1});
+    }
+}
+
+void OwnerFinder::addArea(std::size_t rank, const OwnedArea& area) {
+    if (m_areas.size() <= rank) {
+        m_areas.resize(rank + 1);
+    }
+    OwnedArea* last = m_areas[rank].last();
+    if (last != nullptr && last->range.end == area.range.begin && last->kind == area.kind &&
+        last->holder == area.holder) {
+        last->range.end = area.range.end;
+    } else if (area.range.begin < area.range.end) {
+        m_areas[rank].add(area);
+    }
 }
 
 void OwnerFinder::add(const std::string& path, File& file) {
@@ -32,42 +62,33 @@ void OwnerFinder::add(const std::string& path, File& file) {
     ExtentCursor cursor(file);
     while (const Run* run = cursor.next()) {
         if (!run->isHole()) {
-            addRun(*run);
+            const uint64_t end = run->physical + std::min(run->length, UINT64_MAX - run->physical);
+            m_uses.forEachIn({run->physical, end},
+                             [&](const VolumeUse& use, const ByteRange& common) {
+                                 addPiece(*run, use, common);
+                             });
         }
     }
 }
 
-void OwnerFinder::addRun(const Run& run) {
-    if (m_map == nullptr) {
-        const uint64_t end = run.physical + std::min(run.length, UINT64_MAX - run.physical);
-        m_ranges.forEachCommon(run.physical, end, [&](const ByteRange& common) {
-            addPiece(run, common, common.begin, false);
-        });
-        return;
-    }
-    m_map->forEachRun(run.physical, run.length, [&](const PhysicalRun& piece) {
-        if (piece.disk == m_disk) {
-            m_ranges.forEachCommon(
-                piece.offset, piece.offset + piece.length, [&](const ByteRange& common) {
-                    const uint64_t skipped = common.begin - piece.offset;
-                    addPiece(run, common, piece.logical + skipped, piece.rebuilt);
-                });
-        }
-    });
-}
-
-void OwnerFinder::addPiece(const Run& run, const ByteRange& common, uint64_t volumeOffset,
-                           bool rebuilt) {
+void OwnerFinder::addPiece(const Run& run, const VolumeUse& use, const ByteRange& common) {
     if (!m_fileKept) {
-        m_files.push_back({m_volumes.back(), *m_path, m_file->index(), m_file->typeBits(),
-                           m_file->attributes().size});
+        m_files.push_back(
+            {m_volume, *m_path, m_file->index(), m_file->typeBits(), m_file->attributes().size});
         m_fileKept = true;
     }
-    m_pieces.add({common, m_files.size() - 1, run.logical + (volumeOffset - run.physical),
-                  volumeOffset, run.flags, rebuilt});
+    const uint64_t begin = use.offset + (common.begin - use.range.begin);
+    m_pieces.add({{begin, begin + (common.end - common.begin)},
+                  m_files.size() - 1,
+                  run.logical + (common.begin - run.physical),
+                  common.begin,
+                  run.flags,
+                  use.kind});
 }
 
 void OwnerFinder::finish() {
     m_pieces.sort();
-    m_areas.sort();
+    for (RangeIndex<OwnedArea>& areas : m_areas) {
+        areas.sort();
+    }
 }

@@ -1,12 +1,13 @@
 // Which files hold the bytes of some ranges, found in one pass over each volume.
 //
-// Every run of every file is compared with the union of the ranges, so the pass costs little more
-// for many ranges than for one; what is kept grows with what is found only.
+// The ranges are brought to the volume's own offsets first. Every run of every file is compared
+// with all of them, sorted, so the pass costs little more for many ranges than for one; what is
+// kept grows with the ranges and with what is found only.
 #ifndef RVPMAP_OWNERFINDER_H
 #define RVPMAP_OWNERFINDER_H
 
 #include "ExtentCursor.h"
-#include "PhysicalMap.h"
+#include "Layer.h"
 #include "RangeIndex.h"
 
 #include <string>
@@ -22,42 +23,56 @@ struct OwningFile {
 
 // Bytes that one file holds.
 struct OwnedPiece {
-    ByteRange range;  // where the ranges were asked: on the volume or on the disk
+    ByteRange range;  // where the ranges were asked: on the volume or on what it lies on
     std::size_t file; // index into `files`
     uint64_t fileOffset;
     uint64_t volumeOffset;
     uint32_t flags; // of the run
-    bool rebuilt;   // the file's bytes are made from these and others
+    UseKind use;    // what they are to the volume; no parity
 };
 
+// What bytes are that no file holds, the most telling first.
 enum class AreaKind {
-    FILE_SYSTEM, // what of it no file holds is free or metadata
-    UNREAD       // a volume whose content is not recognised
+    FILE_SYSTEM, // free or metadata
+    UNREAD,      // of a volume whose content is not recognised
+    BEHIND,      // of a volume, behind the end of its file system
+    PARITY,
+    HIDDEN, // in something that cannot be read, or unused
+    REST    // what a partition table, an array or a group does not give to volumes
 };
-// Bytes that a volume holds, whoever holds them on it.
-struct VolumeArea {
+// Bytes of something that lies where the ranges were asked.
+struct OwnedArea {
     ByteRange range;
     AreaKind kind;
-    std::size_t volume; // index into `volumes`
+    std::size_t holder; // index into `holders`
+};
+struct AreaHolder {
+    std::string name; // empty where the ranges are those of one volume
+    std::string rest; // of REST: "array metadata"
 };
 
 class OwnerFinder {
   public:
     explicit OwnerFinder(const std::vector<ByteRange>& ranges) : m_ranges(ranges) {}
 
+    const RangeUnion& ranges() const { return m_ranges; }
     // What follows is on this volume, whose own offsets the ranges are.
     void beginVolume(uint64_t fileSystemBytes);
-    // What follows is on a volume over the disk that the ranges are on. `map` must stay until the
-    // next one. Throws ToolError when the volume cannot be mapped.
-    void beginVolume(const std::string& name, const PhysicalMap& map, std::size_t disk,
-                     uint64_t bytes, AreaKind kind);
+    // What follows is on a volume that the ranges are used for. The file system is 0 bytes long
+    // where there is none.
+    void beginVolume(const std::string& name, const std::vector<LayerUse>& uses,
+                     uint64_t fileSystemBytes);
+    // `uses` of one kind are areas. Where several layers of areas lie over each other, those of the
+    // lowest `rank` are told.
+    void addAreas(std::size_t rank, AreaKind kind, const AreaHolder& holder,
+                  const std::vector<LayerUse>& uses);
     // Throws ToolError when the file cannot be mapped to its end; what came before counts.
     void add(const std::string& path, File& file);
     // To be called once all volumes are through, before anything is asked.
     void finish();
 
     const std::vector<OwningFile>& files() const { return m_files; }
-    const std::vector<std::string>& volumes() const { return m_volumes; }
+    const std::vector<AreaHolder>& holders() const { return m_holders; }
 
     // Calls `action(piece)` for what files hold of a range, cut to it, by offset.
     template <typename Action>
@@ -70,27 +85,35 @@ class OwnerFinder {
             action(piece);
         });
     }
-    // Calls `action(area)` for what volumes hold of a range, cut to it, by offset.
+    std::size_t ranks() const { return m_areas.size(); }
+    // Calls `action(area)` for the areas of one rank in a range, cut to it, by offset.
     template <typename Action>
-    void forEachArea(const ByteRange& range, Action action) const {
-        m_areas.forEachIn(range, [&](VolumeArea area, const ByteRange& common) {
+    void forEachArea(std::size_t rank, const ByteRange& range, Action action) const {
+        m_areas[rank].forEachIn(range, [&](OwnedArea area, const ByteRange& common) {
             area.range = common;
             action(area);
         });
     }
 
   private:
-    void addRun(const Run& run);
-    void addPiece(const Run& run, const ByteRange& common, uint64_t volumeOffset, bool rebuilt);
+    // A use by its place on the volume.
+    struct VolumeUse {
+        ByteRange range;
+        uint64_t offset; // where the ranges were asked
+        UseKind kind;
+    };
+
+    void addArea(std::size_t rank, const OwnedArea& area);
+    void addPiece(const Run& run, const VolumeUse& use, const ByteRange& common);
 
     RangeUnion m_ranges;
-    std::vector<std::string> m_volumes;
+    std::vector<AreaHolder> m_holders;
     std::vector<OwningFile> m_files;
     RangeIndex<OwnedPiece> m_pieces;
-    RangeIndex<VolumeArea> m_areas;
-    // Of the volume at hand; a null map where the ranges are its own.
-    const PhysicalMap* m_map = nullptr;
-    std::size_t m_disk = 0;
+    std::vector<RangeIndex<OwnedArea>> m_areas; // by rank
+    // Of the volume at hand.
+    std::string m_volume;
+    RangeIndex<VolumeUse> m_uses;
     // Of the file at hand.
     const std::string* m_path = nullptr;
     const File* m_file = nullptr;

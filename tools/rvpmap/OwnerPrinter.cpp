@@ -13,17 +13,30 @@ namespace {
 
 // What holds bytes that no file does.
 struct OtherOwner {
-    std::string_view name;
-    std::string_view words;
+    std::string name;
+    std::string words;
 };
 
-// The provider tells how many blocks are free, not which.
-constexpr OtherOwner FREE_OR_METADATA = {"free-or-metadata",
-                                         "in no file: free or file-system metadata"};
-constexpr OtherOwner UNREAD = {"unread-volume", "on a volume that is not claimed"};
-constexpr OtherOwner OUTSIDE = {"outside", "behind the end of the file system"};
-constexpr OtherOwner NO_VOLUME = {
-    "no-volume", "in no volume's data: array or group metadata, parity, a second copy or unused"};
+OtherOwner ownerOf(const OwnedArea& area, const AreaHolder& holder) {
+    switch (area.kind) {
+    case AreaKind::FILE_SYSTEM:
+        // The provider tells how many blocks are free, not which.
+        return {"free-or-metadata", "in no file: free or file-system metadata"};
+    case AreaKind::UNREAD:
+        return {"unread-volume", "on a volume that is not claimed"};
+    case AreaKind::BEHIND:
+        return {"outside", "behind the end of the file system"};
+    case AreaKind::PARITY:
+        return {"parity", "array parity"};
+    case AreaKind::HIDDEN:
+        return {"no-volume", "in no volume that can be read"};
+    case AreaKind::REST:
+        break;
+    }
+    std::string name = holder.rest;
+    std::replace(name.begin(), name.end(), ' ', '-');
+    return {name, holder.rest + " or unused"};
+}
 
 class OwnerPrinter {
   public:
@@ -44,22 +57,17 @@ class JsonPrinter : public OwnerPrinter {
         TextBuffer& out = beginObject(piece.range, typeName(file.typeBits));
         appendVolume(out, file.volume);
         if (!file.volume.empty()) {
-            fmt::format_to(std::back_inserter(out), ",\"volume_offset\":{},\"rebuilt\":{}",
-                           piece.volumeOffset, piece.rebuilt);
+            fmt::format_to(std::back_inserter(out),
+                           ",\"volume_offset\":{},\"copy\":{},\"rebuilt\":{}", piece.volumeOffset,
+                           piece.use == UseKind::COPY, piece.use == UseKind::REBUILDS);
         }
         out.push_back(',');
         appendJsonName(out, "path", file.path);
         fmt::format_to(std::back_inserter(out),
-                       ",\"index\":{},\"size\":{},\"file_offset\":{},\"flags\":[", file.index,
+                       ",\"index\":{},\"size\":{},\"file_offset\":{},\"flags\":", file.index,
                        file.size, piece.fileOffset);
-        std::string_view separator = "\"";
-        forEachFlag(piece.flags & ~FSO_EXTENT_LAST, [&](std::string_view name) {
-            append(out, separator);
-            append(out, name);
-            out.push_back('"');
-            separator = ",\"";
-        });
-        append(out, "]}");
+        appendJsonFlags(out, piece.flags & ~FSO_EXTENT_LAST);
+        out.push_back('}');
         m_output.pace();
     }
     void print(const ByteRange& range, const OtherOwner& owner,
@@ -97,8 +105,8 @@ class TablePrinter : public OwnerPrinter {
     void begin() override { row("offset", "length", "file offset", "owner"); }
     void print(const OwnedPiece& piece, const OwningFile& file) override {
         std::string owner = volumePrefix(file.volume) + m_table.name(file.path, file.typeBits);
-        if (piece.rebuilt) {
-            owner += "  (rebuilt from here)";
+        if (piece.use != UseKind::DATA) {
+            owner += piece.use == UseKind::COPY ? "  (copy)" : "  (rebuilt from here)";
         }
         forEachFlag(piece.flags & ~FSO_EXTENT_LAST,
                     [&](std::string_view name) { owner += fmt::format("  ({})", name); });
@@ -161,12 +169,14 @@ class GapFinder {
 class OwnerReport {
   public:
     OwnerReport(OwnerPrinter& printer, const OwnerFinder& finder, Ground ground)
-        : m_printer(printer), m_finder(finder),
-          m_nothing(ground == Ground::DISK ? NO_VOLUME : OUTSIDE) {}
+        : m_printer(printer),
+          m_finder(finder), m_nothing{"outside", ground == Ground::STACK
+                                                     ? "behind the end"
+                                                     : "behind the end of the file system"} {}
 
     void print(const ByteRange& range) {
         GapFinder gaps(range);
-        const auto unowned = [&](const ByteRange& gap) { printUnowned(gap); };
+        const auto unowned = [&](const ByteRange& gap) { printUnowned(0, gap); };
         m_finder.forEachPiece(range, [&](const OwnedPiece& piece) {
             gaps.passTo(piece.range.begin, piece.range.end, unowned);
             m_printer.print(piece, m_finder.files()[piece.file]);
@@ -175,20 +185,24 @@ class OwnerReport {
     }
 
   private:
-    void printUnowned(const ByteRange& range) {
+    void printUnowned(std::size_t rank, const ByteRange& range) {
+        if (rank == m_finder.ranks()) {
+            m_printer.print(range, m_nothing, "");
+            return;
+        }
         GapFinder gaps(range);
-        const auto nothing = [&](const ByteRange& gap) { m_printer.print(gap, m_nothing, ""); };
-        m_finder.forEachArea(range, [&](const VolumeArea& area) {
-            gaps.passTo(area.range.begin, area.range.end, nothing);
-            m_printer.print(area.range, area.kind == AreaKind::UNREAD ? UNREAD : FREE_OR_METADATA,
-                            m_finder.volumes()[area.volume]);
+        const auto next = [&](const ByteRange& gap) { printUnowned(rank + 1, gap); };
+        m_finder.forEachArea(rank, range, [&](const OwnedArea& area) {
+            gaps.passTo(area.range.begin, area.range.end, next);
+            const AreaHolder& holder = m_finder.holders()[area.holder];
+            m_printer.print(area.range, ownerOf(area, holder), holder.name);
         });
-        gaps.finish(nothing);
+        gaps.finish(next);
     }
 
     OwnerPrinter& m_printer;
     const OwnerFinder& m_finder;
-    const OtherOwner& m_nothing;
+    OtherOwner m_nothing;
 };
 
 } // namespace

@@ -7,8 +7,8 @@
 #include "OwnerFinder.h"
 #include "Table.h"
 
-// What bytes are that no volume holds: on a volume or on a disk.
-enum class Ground { VOLUME, DISK };
+// Where the ranges were asked: on one volume, or on what others lie on.
+enum class Ground { VOLUME, STACK };
 
 // Prints every range in the order in which it was asked, each piece by its offset.
 void printOwners(Output& output, const Table& table, bool json, const OwnerFinder& finder,

@@ -25,14 +25,18 @@ PhysicalMap::PhysicalMap(const Layer& volume, const Stack* stack)
 
 void PhysicalMap::append(uint64_t offset, uint64_t length, std::vector<PhysicalRun>& runs) const {
     if (m_identity) {
-        runs.push_back({offset, length, indexOf(&m_volume), offset, false});
+        runs.push_back({offset, length, indexOf(&m_volume), offset, false, false});
         return;
     }
     try {
         for (const DiskRun& run : mapToDisks(m_volume, offset, length)) {
             for (const LayerPlace& place : run.run.places) {
                 runs.push_back({run.logical, run.run.length, indexOf(place.layer), place.offset,
-                                run.run.kind == RunKind::XOR});
+                                run.run.kind == RunKind::XOR, false});
+            }
+            for (const LayerPlace& place : run.run.copies) {
+                runs.push_back(
+                    {run.logical, run.run.length, indexOf(place.layer), place.offset, false, true});
             }
         }
     } catch (const SourceError& error) {

@@ -20,6 +20,7 @@ struct PhysicalRun {
     uint64_t offset;  // on the disk
     // The volume's bytes are the exclusive or of several such runs: one member is missing.
     bool rebuilt;
+    bool copy; // of a mirror; another run with the same bytes is read
 };
 
 struct PhysicalDisk {

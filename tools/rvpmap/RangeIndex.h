@@ -13,6 +13,8 @@ template <typename Piece>
 class RangeIndex {
   public:
     void add(const Piece& piece) { m_pieces.push_back(piece); }
+    // What was added last; null when nothing was.
+    Piece* last() { return m_pieces.empty() ? nullptr : &m_pieces.back(); }
     void sort() {
         std::stable_sort(m_pieces.begin(), m_pieces.end(), [](const Piece& a, const Piece& b) {
             return a.range.begin < b.range.begin;

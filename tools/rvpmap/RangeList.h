@@ -20,6 +20,8 @@ class RangeUnion {
   public:
     explicit RangeUnion(std::vector<ByteRange> ranges);
 
+    // Sorted; no two touch.
+    const std::vector<ByteRange>& ranges() const { return m_ranges; }
     // Calls `action(ByteRange)` for each part of `begin` to `end` that lies in the union.
     template <typename Action>
     void forEachCommon(uint64_t begin, uint64_t end, Action action) const {
@@ -33,7 +35,6 @@ class RangeUnion {
   private:
     std::vector<ByteRange>::const_iterator firstEndingAfter(uint64_t offset) const;
 
-    // Sorted; no two touch.
     std::vector<ByteRange> m_ranges;
 };
 

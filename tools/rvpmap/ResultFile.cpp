@@ -21,7 +21,7 @@ mode_t usualPermissions() {
 
 } // namespace
 
-ResultFile::ResultFile(const std::string& path) : m_path(path) {
+ResultFile::ResultFile(const std::string& path, AtomicFile::Until until) : m_path(path) {
     struct stat status = {};
     if (::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
         throw WriteError(fmt::format("cannot write to {}: it exists and is not a regular file",
@@ -34,7 +34,7 @@ ResultFile::ResultFile(const std::string& path) : m_path(path) {
         fail(errno);
     }
     try {
-        m_file.emplace(m_directory.get(), parts.filename().string());
+        m_file.emplace(m_directory.get(), parts.filename().string(), until);
     } catch (const std::system_error& error) {
         fail(error.code().value());
     }

@@ -10,12 +10,12 @@
 
 class ResultFile {
   public:
-    // Creates the file under a temporary name in its folder. Throws WriteError, as all operations
-    // do; what stands there already and is no regular file is refused.
-    explicit ResultFile(const std::string& path);
+    // Creates the file, without a name or under a temporary one, in its folder. Throws WriteError,
+    // as all operations do; what stands there already and is no regular file is refused.
+    ResultFile(const std::string& path, AtomicFile::Until until);
 
     int descriptor() const { return m_file->descriptor(); }
-    // For libraries that open files by name.
+    // Of a named one, for libraries that open files by name.
     std::string temporaryPath() const;
     // Brings the bytes to the disk and gives the file its name and usual permissions.
     void commit();

@@ -28,8 +28,8 @@ ExitStatus runExtract(Session& session);
 ExitStatus runCatalog(Session& session);
 ExitStatus runMap(Session& session);
 ExitStatus runOwner(Session& session);
-// Tells the owners of bytes of a disk, through all volumes above it.
-ExitStatus runDiskOwner(const Options& options, const Stack& stack, const StackNode& disk,
+// Tells the owners of bytes of a node, through all volumes that lie on it.
+ExitStatus runNodeOwner(const Options& options, const Stack& stack, const StackNode& ground,
                         const Table& table);
 // Shows what the disks hold; there is no single volume.
 ExitStatus runScan(const Options& options, const Stack& stack);

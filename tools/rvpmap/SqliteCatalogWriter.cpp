@@ -35,7 +35,7 @@ CREATE TABLE extent (
 CREATE TABLE disk (id INTEGER PRIMARY KEY, name TEXT, size INTEGER);
 CREATE TABLE disk_run (
     extent INTEGER REFERENCES extent (id), logical INTEGER, disk INTEGER REFERENCES disk (id),
-    offset INTEGER, length INTEGER, rebuilt INTEGER);
+    offset INTEGER, length INTEGER, rebuilt INTEGER, copy INTEGER);
 )sql";
 
 // Made when the rows are there: sorting once is cheaper than keeping order all the time.
@@ -54,7 +54,7 @@ uint64_t bit(uint64_t word, uint64_t mask) {
 class SqliteCatalogWriter : public CatalogWriter {
   public:
     explicit SqliteCatalogWriter(Session& session)
-        : m_session(session), m_result(session.options.output),
+        : m_session(session), m_result(session.options.output, AtomicFile::Until::NAMED),
           m_database(m_result.temporaryPath(), session.options.output, signalCame),
           m_map(makePhysicalMap(session)) {}
 
@@ -97,7 +97,7 @@ class SqliteCatalogWriter : public CatalogWriter {
         explicit Tables(SqliteDatabase& database)
             : volume(database, "volume", 14), file(database, "file", 21),
               extent(database, "extent", 9), disk(database, "disk", 3),
-              diskRun(database, "disk_run", 6) {}
+              diskRun(database, "disk_run", 7) {}
         void flush() {
             for (SqliteInserter* table : {&volume, &file, &extent, &disk, &diskRun}) {
                 table->flush();
@@ -223,7 +223,7 @@ class SqliteCatalogWriter : public CatalogWriter {
     // Where volume and disk are the same, all at once is much faster than run by run.
     void copyExtentsAsDiskRuns() {
         m_database.execute(
-            "INSERT INTO disk_run SELECT id,logical,1,physical,length,0 FROM extent");
+            "INSERT INTO disk_run SELECT id,logical,1,physical,length,0,0 FROM extent");
     }
 
     void insertDiskRuns(const Run& run) {
@@ -237,6 +237,7 @@ class SqliteCatalogWriter : public CatalogWriter {
             row.put(piece.offset);
             row.put(piece.length);
             row.put(uint64_t{piece.rebuilt});
+            row.put(uint64_t{piece.copy});
             row.endRow();
         }
     }

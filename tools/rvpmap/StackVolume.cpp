@@ -51,19 +51,23 @@ const StackNode* findShown(const Stack& stack, const std::string& name) {
 }
 
 // Each node once, however many ways lead to it.
-void printNotes(const StackNode& node, std::set<const StackNode*>& seen) {
+void printAllNotes(const StackNode& node, std::set<const StackNode*>& seen) {
     if (!seen.insert(&node).second) {
         return;
     }
     for (const StackNode* parent : node.parents) {
-        printNotes(*parent, seen);
+        printAllNotes(*parent, seen);
     }
+    printNotes(node);
+}
+
+} // namespace
+
+void printNotes(const StackNode& node) {
     for (const std::string& note : node.notes) {
         printMessage(node.name, printable(note));
     }
 }
-
-} // namespace
 
 std::string shownName(const std::string& name) {
     const std::string shown = printable(name);
@@ -74,7 +78,7 @@ std::string shownName(const std::string& name) {
     return plain ? shown : fmt::format("'{}'", shown);
 }
 
-const Layer& findVolume(const Stack& stack, const std::string& name) {
+const StackNode& findVolume(const Stack& stack, const std::string& name) {
     const StackNode* node = stack.find(name);
     if (node == nullptr) {
         node = findShown(stack, name);
@@ -86,6 +90,6 @@ const Layer& findVolume(const Stack& stack, const std::string& name) {
         failUnreadable(*node);
     }
     std::set<const StackNode*> seen;
-    printNotes(*node, seen);
-    return *node->layer;
+    printAllNotes(*node, seen);
+    return *node;
 }

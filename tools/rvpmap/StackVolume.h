@@ -6,9 +6,13 @@
 
 #include <string>
 
-// The node of that name, which may be given as it is or as `scan` shows it. What users have to know
-// of it and all below it is printed. Throws ToolError when there is none or it cannot be read.
-const Layer& findVolume(const Stack& stack, const std::string& name);
+// The node of that name, which may be given as it is or as `scan` shows it, or for a disk by its
+// path. It has a layer. What users have to know of it and all below it is printed. Throws ToolError
+// when there is none or it cannot be read.
+const StackNode& findVolume(const Stack& stack, const std::string& name);
+
+// Prints what users have to know of a node, though not of those below it.
+void printNotes(const StackNode& node);
 
 // A name as it is shown: escaped, and in quotes where a shell would take it apart.
 std::string shownName(const std::string& name);

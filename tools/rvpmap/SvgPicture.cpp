@@ -361,7 +361,7 @@ class Drawing {
         entry(USED[3], "files, by share", 142);
         entry(DIRECTORY, "directories", 110);
         if (m_picture.disks().size() > 1) {
-            entry(ELSEWHERE, "not this volume's bytes", 186);
+            entry(ELSEWHERE, "not this volume's data", 186);
         }
         text(GRID_LEFT + GRID_WIDTH, m_y + 11, "number quiet",
              fmt::format("a row is {}, a cell {}",

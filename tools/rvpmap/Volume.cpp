@@ -83,6 +83,10 @@ void Volume::readData(uint64_t offset, std::size_t length, char* buffer) const {
     }
 }
 
+std::size_t Volume::sendData(uint64_t offset, std::size_t length, int target, uint64_t to) const {
+    return m_dataFromDisks ? 0 : m_source.send(offset, length, target, to);
+}
+
 std::string Volume::label() {
     char* text = nullptr;
     check(call(m_provider.objctl, m_fileSystem, static_cast<int>(KMP_OCVOLUMENAME), &text),

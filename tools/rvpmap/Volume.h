@@ -34,6 +34,8 @@ class Volume {
     // Reads what files hold: through all layers, or past them by the runs on the disks. Throws
     // SourceError.
     void readData(uint64_t offset, std::size_t length, char* buffer) const;
+    // The same into a file, by the kernel: returns how many bytes, 0 where that cannot be.
+    std::size_t sendData(uint64_t offset, std::size_t length, int target, uint64_t to) const;
     void readDataFromDisks() { m_dataFromDisks = true; }
     const kmp_fs& statistics() const { return m_statistics; }
     uint64_t rootIndex() const { return m_rootIndex; }

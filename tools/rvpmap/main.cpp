@@ -34,6 +34,14 @@ void warnOfState(const Volume& volume) {
     }
 }
 
+// A member of an array may look like the volume whose first bytes it holds.
+void warnOfPart(const StackNode& node) {
+    if (!node.children.empty()) {
+        printMessage(node.name, fmt::format("{} lies on it; its own bytes are taken for a volume",
+                                            shownName(node.children.front()->name)));
+    }
+}
+
 ExitStatus dispatch(Session& session) {
     switch (session.options.command) {
     case Command::CLAIM:
@@ -90,11 +98,12 @@ ExitStatus runOnStack(const Options& options, const Stack& stack) {
     if (options.command == Command::SCAN) {
         return runScan(options, stack);
     }
-    const StackNode* node = stack.find(options.volume);
-    if (options.command == Command::OWNER && node != nullptr && node->parents.empty()) {
-        return runDiskOwner(options, stack, *node, Table(wantsColours(options.colour)));
+    const StackNode& node = findVolume(stack, options.volume);
+    if (options.command == Command::OWNER && (node.parents.empty() || !node.children.empty())) {
+        return runNodeOwner(options, stack, node, Table(wantsColours(options.colour)));
     }
-    return runOnVolume(options, findVolume(stack, options.volume), &stack);
+    warnOfPart(node);
+    return runOnVolume(options, *node.layer, &stack);
 }
 
 ExitStatus run(const Options& options) {

@@ -7,6 +7,7 @@
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <utility>
 
 namespace {
@@ -71,10 +72,22 @@ void DiskImage::read(uint64_t offset, std::size_t length, char* buffer) const {
     }
 }
 
+std::size_t DiskImage::send(uint64_t offset, std::size_t length, int target, uint64_t to) const {
+    checkRange(offset, length);
+    auto from = static_cast<off64_t>(offset);
+    auto at = static_cast<off64_t>(to);
+    const ssize_t count = ::copy_file_range(m_file.get(), &from, target, &at, length, 0);
+    return count > 0 ? static_cast<std::size_t>(count) : 0;
+}
+
 // A range that is not on the disk is no range of it; what lies on it has nothing below.
 std::vector<LayerRun> DiskImage::map(uint64_t offset, uint64_t length) const {
     checkRange(offset, length);
     return {};
+}
+
+std::vector<LayerUse> DiskImage::uses(const LayerPlace& place, uint64_t length) const {
+    return place.layer == this ? ownUses(place, length) : std::vector<LayerUse>();
 }
 
 bool DiskImage::isSameAs(const DiskImage& other) const {

@@ -15,7 +15,9 @@ class DiskImage : public Layer {
     const std::string& name() const override { return m_name; }
     uint64_t size() const override { return m_size; }
     void read(uint64_t offset, std::size_t length, char* buffer) const override;
+    std::size_t send(uint64_t offset, std::size_t length, int target, uint64_t to) const override;
     std::vector<LayerRun> map(uint64_t offset, uint64_t length) const override;
+    std::vector<LayerUse> uses(const LayerPlace& place, uint64_t length) const override;
     // Whether both are one file or device, whatever their names.
     bool isSameAs(const DiskImage& other) const;
 

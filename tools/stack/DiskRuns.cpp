@@ -11,18 +11,21 @@ using Runs = std::vector<LayerRun>;
 
 Runs runsOnDisks(const Layer& layer, uint64_t offset, uint64_t length);
 
-// Walks along the disk runs of one place of a rebuilt run.
+// Walks along the disk runs of one place.
 struct RunCursor {
     Runs runs;
     std::size_t at = 0;
     uint64_t used = 0;
 
     uint64_t left() const { return runs[at].length - used; }
-    void appendPlaces(std::vector<LayerPlace>& places) const {
-        for (const LayerPlace& place : runs[at].places) {
-            places.push_back({place.layer, place.offset + used});
+    RunKind kind() const { return runs[at].kind; }
+    void append(const std::vector<LayerPlace>& places, std::vector<LayerPlace>& result) const {
+        for (const LayerPlace& place : places) {
+            result.push_back({place.layer, place.offset + used});
         }
     }
+    void appendPlaces(std::vector<LayerPlace>& result) const { append(runs[at].places, result); }
+    void appendCopies(std::vector<LayerPlace>& result) const { append(runs[at].copies, result); }
     void advance(uint64_t step) {
         used += step;
         if (left() == 0) {
@@ -32,32 +35,66 @@ struct RunCursor {
     }
 };
 
+// Several places come to lie in runs of different lengths: cuts at all their ends, and calls
+// `join(cursors, step)` for what is to stand for each piece.
+template <typename Join>
+void appendTogether(Runs& result, const std::vector<LayerPlace>& places, uint64_t length,
+                    Join join) {
+    std::vector<RunCursor> cursors;
+    for (const LayerPlace& place : places) {
+        cursors.push_back({runsOnDisks(*place.layer, place.offset, length)});
+    }
+    for (uint64_t done = 0; done < length;) {
+        uint64_t step = length - done;
+        for (const RunCursor& cursor : cursors) {
+            step = std::min(step, cursor.left());
+        }
+        appendRun(result, join(cursors, step));
+        for (RunCursor& cursor : cursors) {
+            cursor.advance(step);
+        }
+        done += step;
+    }
+}
+
 // What a rebuilt run of places that are rebuilt themselves, or zeros, comes down to.
-LayerRun xorRun(uint64_t length, std::vector<LayerPlace> places) {
+LayerRun rebuilt(const std::vector<RunCursor>& cursors, uint64_t length) {
+    std::vector<LayerPlace> places;
+    for (const RunCursor& cursor : cursors) {
+        cursor.appendPlaces(places);
+    }
     const RunKind kind = places.empty()       ? RunKind::ZERO
                          : places.size() == 1 ? RunKind::DATA
                                               : RunKind::XOR;
     return {length, kind, std::move(places)};
 }
 
-// The places of a rebuilt run come to lie in runs of different lengths: cuts at all their ends.
-void appendRebuilt(Runs& result, const LayerRun& run) {
-    std::vector<RunCursor> cursors;
-    for (const LayerPlace& place : run.places) {
-        cursors.push_back({runsOnDisks(*place.layer, place.offset, run.length)});
+// The first cursor is what is read; copies that are rebuilt themselves are none.
+LayerRun mirrored(const std::vector<RunCursor>& cursors, uint64_t length) {
+    LayerRun run{length, cursors.front().kind(), {}};
+    cursors.front().appendPlaces(run.places);
+    cursors.front().appendCopies(run.copies);
+    for (std::size_t i = 1; i < cursors.size(); ++i) {
+        if (cursors[i].kind() == RunKind::DATA) {
+            cursors[i].appendPlaces(run.copies);
+            cursors[i].appendCopies(run.copies);
+        }
     }
-    for (uint64_t done = 0; done < run.length;) {
-        uint64_t step = run.length - done;
-        std::vector<LayerPlace> places;
-        for (const RunCursor& cursor : cursors) {
-            step = std::min(step, cursor.left());
-            cursor.appendPlaces(places);
+    return run;
+}
+
+void appendLower(Runs& result, const LayerRun& run) {
+    if (run.kind != RunKind::DATA) {
+        appendTogether(result, run.places, run.length, rebuilt);
+    } else if (!run.copies.empty()) {
+        std::vector<LayerPlace> places = run.places;
+        places.insert(places.end(), run.copies.begin(), run.copies.end());
+        appendTogether(result, places, run.length, mirrored);
+    } else {
+        const LayerPlace& place = run.places.front();
+        for (LayerRun& lower : runsOnDisks(*place.layer, place.offset, run.length)) {
+            appendRun(result, std::move(lower));
         }
-        appendRun(result, xorRun(step, std::move(places)));
-        for (RunCursor& cursor : cursors) {
-            cursor.advance(step);
-        }
-        done += step;
     }
 }
 
@@ -71,14 +108,7 @@ Runs runsOnDisks(const Layer& layer, uint64_t offset, uint64_t length) {
     }
     Runs result;
     for (const LayerRun& run : below) {
-        if (run.kind == RunKind::DATA) {
-            const LayerPlace& place = run.places.front();
-            for (LayerRun& lower : runsOnDisks(*place.layer, place.offset, run.length)) {
-                appendRun(result, std::move(lower));
-            }
-        } else {
-            appendRebuilt(result, run);
-        }
+        appendLower(result, run);
     }
     return result;
 }

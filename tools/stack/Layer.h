@@ -30,6 +30,22 @@ struct LayerRun {
     uint64_t length;
     RunKind kind;
     std::vector<LayerPlace> places;
+    std::vector<LayerPlace> copies = {}; // where the bytes lie once more, though not read there
+};
+
+// What bytes of a layer below are to a layer. In the order of their distance from its bytes.
+enum class UseKind {
+    DATA,     // its bytes, as they are read
+    COPY,     // the same bytes once more
+    REBUILDS, // its bytes are made from these and others
+    PARITY    // they guard others
+};
+
+struct LayerUse {
+    uint64_t offset; // on the layer below, bytes
+    uint64_t length;
+    UseKind kind;
+    uint64_t logical; // on the layer; means nothing for parity
 };
 
 class Layer {
@@ -41,10 +57,29 @@ class Layer {
     virtual uint64_t size() const = 0;
     // Fills exactly `length` bytes from byte `offset` on, or throws SourceError naming the disk.
     virtual void read(uint64_t offset, std::size_t length, char* buffer) const = 0;
+    // Has the kernel copy bytes from `offset` on to byte `to` of the open file `target`, past this
+    // process's memory. Returns how many of `length` it copied; 0 where it cannot, which `read` and
+    // a write can explain.
+    virtual std::size_t send(uint64_t offset, std::size_t length, int target,
+                             uint64_t to) const = 0;
     // The range as runs on the layers below, in order, together as long as the range. A disk, which
     // has none below, answers with no run. Throws SourceError for a range that cannot be told.
     virtual std::vector<LayerRun> map(uint64_t offset, uint64_t length) const = 0;
+    // The other way round: what a range of any layer is to this one, which may lie on it through
+    // others. In no order; of one place there may be several uses, or none. Parity is a use of the
+    // layer that keeps it only, not of those above.
+    virtual std::vector<LayerUse> uses(const LayerPlace& place, uint64_t length) const = 0;
 };
+
+// The uses of its own bytes.
+inline std::vector<LayerUse> ownUses(const LayerPlace& place, uint64_t length) {
+    const uint64_t size = place.layer->size();
+    if (place.offset >= size) {
+        return {};
+    }
+    const uint64_t held = length < size - place.offset ? length : size - place.offset;
+    return {{place.offset, held, UseKind::DATA, place.offset}};
+}
 
 // A run all the way down: places are on disks.
 struct DiskRun {

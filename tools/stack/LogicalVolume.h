@@ -10,6 +10,7 @@ struct VolumeSegment {
     uint64_t length;
     uint64_t stripeSize;            // means nothing with less than two places
     std::vector<LayerPlace> places; // one for each stripe; none: reads as zeros
+    std::vector<LayerPlace> copies; // of a segment on one place: the same bytes once more
 };
 
 class LogicalVolume : public MappedLayer {
@@ -19,6 +20,8 @@ class LogicalVolume : public MappedLayer {
 
   protected:
     LayerRun firstRun(uint64_t offset, uint64_t length) const override;
+    std::vector<const Layer*> layersBelow() const override;
+    std::vector<LayerUse> directUses(const LayerPlace& place, uint64_t length) const override;
 
   private:
     std::vector<VolumeSegment> m_segments;

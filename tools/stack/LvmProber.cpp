@@ -34,6 +34,7 @@ class LvmProber : public Prober {
             return false;
         }
         node.content = "LVM2 physical volume";
+        node.rest = "group metadata";
         std::move(label->notes.begin(), label->notes.end(), std::back_inserter(node.notes));
         const auto [found, isNew] =
             m_devices.try_emplace(label->uuid, PhysicalVolume{&node, label->texts});

@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <charconv>
 #include <fmt/format.h>
+#include <map>
 #include <optional>
-#include <set>
 
 namespace {
 
@@ -148,6 +148,9 @@ LvmSegment readSegment(const Node& node) {
 
 LvmVolume readVolume(const Node& node) {
     LvmVolume volume{node.name, lists(node, "status", "VISIBLE"), "", {}};
+    if (lists(node, "status", "REBUILD")) {
+        volume.cannotBeRead = "is not rebuilt to its end yet";
+    }
     for (const Node& one : node.children) {
         if (one.type == Node::SET && one.name.starts_with("segment")) {
             volume.segments.push_back(readSegment(one));
@@ -158,26 +161,35 @@ LvmVolume readVolume(const Node& node) {
     return volume;
 }
 
-// A snapshot's own segments hold what differs from its origin, in a form of their own.
-std::set<std::string> differenceStores(const Node& volumes) {
-    std::set<std::string> stores;
+// Why volumes that snapshots consist of do not hold what their own segments say.
+std::map<std::string, std::string> snapshotParts(const Node& volumes) {
+    constexpr const char* SNAPSHOT = "is a snapshot, which is not supported";
+    std::map<std::string, std::string> parts;
     for (const Node& volume : volumes.children) {
         for (const Node& segment : volume.children) {
-            if (segment.type == Node::SET && child(segment, "cow_store") != nullptr) {
-                stores.insert(string(segment, "cow_store"));
+            if (segment.type != Node::SET) {
+                continue;
+            }
+            if (child(segment, "cow_store") != nullptr) {
+                parts[string(segment, "cow_store")] = SNAPSHOT;
+            }
+            if (child(segment, "merging_store") != nullptr) {
+                parts[string(segment, "merging_store")] = SNAPSHOT;
+                parts[string(segment, "origin")] =
+                    "is being merged with a snapshot, which is not supported";
             }
         }
     }
-    return stores;
+    return parts;
 }
 
 void readVolumes(const Node& volumes, LvmGroupText& group) {
-    const std::set<std::string> stores = differenceStores(volumes);
+    const std::map<std::string, std::string> parts = snapshotParts(volumes);
     for (const Node& one : volumes.children) {
         if (one.type == Node::SET) {
             LvmVolume& volume = group.volumes.emplace_back(readVolume(one));
-            if (stores.count(volume.name) != 0) {
-                volume.cannotBeRead = "is a snapshot, which is not supported";
+            if (const auto part = parts.find(volume.name); part != parts.end()) {
+                volume.cannotBeRead = part->second;
             }
         }
     }

@@ -100,10 +100,10 @@ VolumeSegment LvmVolumes::segmentOf(const LvmSegment& segment) {
         return stripesOf(segment);
     }
     if (segment.type == "mirror" || segment.type == "raid1") {
-        return {bytes(segment.start), bytes(segment.count), 0, {firstLeg(segment)}};
+        return legsOf(segment);
     }
     if (segment.type == "zero") {
-        return {bytes(segment.start), bytes(segment.count), 0, {}};
+        return {bytes(segment.start), bytes(segment.count), 0, {}, {}};
     }
     throw Failure(Failure::Kind::UNSUPPORTED,
                   fmt::format("has a segment of type {}, which is not supported", segment.type));
@@ -113,11 +113,12 @@ VolumeSegment LvmVolumes::stripesOf(const LvmSegment& segment) {
     const uint64_t stripes = segment.areas.size();
     if (stripes == 0 || segment.count % stripes != 0 ||
         (stripes > 1 &&
-         (segment.stripeSize == 0 || segment.stripeSize > m_text.extentSectors * segment.count))) {
+         (segment.stripeSize == 0 ||
+          m_text.extentSectors * (segment.count / stripes) % segment.stripeSize != 0))) {
         throw Failure(Failure::Kind::DAMAGED, "has a segment whose stripes make no sense");
     }
     VolumeSegment result{
-        bytes(segment.start), bytes(segment.count), segment.stripeSize * SECTOR_BYTES, {}};
+        bytes(segment.start), bytes(segment.count), segment.stripeSize * SECTOR_BYTES, {}, {}};
     for (const auto& area : segment.areas) {
         result.places.push_back(placeOf(area, segment.count / stripes));
     }
@@ -125,18 +126,23 @@ VolumeSegment LvmVolumes::stripesOf(const LvmSegment& segment) {
 }
 
 // All legs hold the same; the first of those that can be read is taken.
-LayerPlace LvmVolumes::firstLeg(const LvmSegment& segment) {
+VolumeSegment LvmVolumes::legsOf(const LvmSegment& segment) {
+    VolumeSegment result{bytes(segment.start), bytes(segment.count), 0, {}, {}};
     std::optional<Failure> failure;
     for (const auto& area : segment.areas) {
         try {
-            return placeOf(area, segment.count);
+            auto& places = result.places.empty() ? result.places : result.copies;
+            places.push_back(placeOf(area, segment.count));
         } catch (const Failure& error) {
             if (!failure) {
                 failure = error;
             }
         }
     }
-    throw failure.value_or(Failure(Failure::Kind::DAMAGED, "has a mirror without legs"));
+    if (result.places.empty()) {
+        throw failure.value_or(Failure(Failure::Kind::DAMAGED, "has a mirror without legs"));
+    }
+    return result;
 }
 
 LayerPlace LvmVolumes::placeOf(const std::pair<std::string, uint64_t>& area, uint64_t extents) {

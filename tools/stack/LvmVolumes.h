@@ -49,7 +49,7 @@ class LvmVolumes {
     const Layer* build(const LvmVolume& volume);
     VolumeSegment segmentOf(const LvmSegment& segment);
     VolumeSegment stripesOf(const LvmSegment& segment);
-    LayerPlace firstLeg(const LvmSegment& segment);
+    VolumeSegment legsOf(const LvmSegment& segment);
     LayerPlace placeOf(const std::pair<std::string, uint64_t>& area, uint64_t extents);
     LayerPlace placeOnDevice(const LvmDevice& device, uint64_t extent, uint64_t extents) const;
     uint64_t bytes(uint64_t extents) const;

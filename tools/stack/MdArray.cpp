@@ -58,11 +58,14 @@ uint64_t usedSectors(const MdAssembly& assembly, const MdMember* member) {
 } // namespace
 
 MdArray::MdArray(std::string name, const MdAssembly& assembly)
-    : MappedLayer(std::move(name), assembly.size), m_level(assembly.newest->superblock.level) {
+    : MappedLayer(std::move(name), assembly.size), m_level(assembly.newest->superblock.level),
+      m_chunkBytes(assembly.newest->superblock.chunkBytes) {
     for (const MdMember* member : assembly.byRole) {
+        const uint64_t length = usedSectors(assembly, member) * SECTOR_BYTES;
         m_members.push_back(
-            member == nullptr ? Member{nullptr, 0}
-                              : Member{member->layer, member->superblock.dataStart * SECTOR_BYTES});
+            member == nullptr
+                ? Member{nullptr, 0, length}
+                : Member{member->layer, member->superblock.dataStart * SECTOR_BYTES, length});
     }
     addToLibrary(assembly);
 }
@@ -90,7 +93,7 @@ void MdArray::addToLibrary(const MdAssembly& assembly) {
     }
 }
 
-LayerRun MdArray::firstRun(uint64_t offset, uint64_t length) const {
+MdArray::Location MdArray::locate(uint64_t offset, uint64_t length) const {
     // The library answers in whole sectors.
     const uint64_t head = offset % SECTOR_BYTES;
     const uint64_t sectors = (head + length + SECTOR_BYTES - 1) / SECTOR_BYTES;
@@ -105,31 +108,124 @@ LayerRun MdArray::firstRun(uint64_t offset, uint64_t length) const {
                                       length, offset, name()),
                           false);
     }
-    const uint64_t usable = std::min<uint64_t>(length, runLength - head);
-    const uint32_t role = disk->callerWord;
-    if (role < m_members.size() && m_members[role].layer != nullptr) {
-        return {usable, RunKind::DATA, {placeOn(role, memberOffset + head)}};
+    return {disk->callerWord, memberOffset + head, std::min<uint64_t>(length, runLength - head)};
+}
+
+LayerRun MdArray::firstRun(uint64_t offset, uint64_t length) const {
+    const Location at = locate(offset, length);
+    if (m_level == 1 || m_level == 10) {
+        return mirrorRun(at);
     }
-    return rebuiltRun(role, memberOffset + head, usable);
+    if (m_members.at(at.role).layer != nullptr) {
+        return {at.length, RunKind::DATA, {placeOn(at.role, at.offset)}};
+    }
+    return rebuiltRun(at);
 }
 
 LayerPlace MdArray::placeOn(uint32_t role, uint64_t offset) const {
     return {m_members[role].layer, m_members[role].start + offset};
 }
 
-// What a missing member would hold: a mirror's bytes, or the exclusive or of all others.
-LayerRun MdArray::rebuiltRun(uint32_t role, uint64_t offset, uint64_t length) const {
-    if (m_level == 10) {
-        return {length, RunKind::DATA, {placeOn(role ^ 1U, offset)}};
-    }
-    LayerRun run{length, m_level == 4 || m_level == 5 ? RunKind::XOR : RunKind::DATA, {}};
-    for (uint32_t other = 0; other < m_members.size(); ++other) {
-        if (m_members[other].layer != nullptr) {
-            run.places.push_back(placeOn(other, offset));
+bool MdArray::areMirrors(uint32_t a, uint32_t b) const {
+    return a == b || m_level == 1 || (m_level == 10 && a == (b ^ 1U));
+}
+
+// The first that is there is read.
+LayerRun MdArray::mirrorRun(const Location& at) const {
+    LayerRun run{at.length, RunKind::DATA, {}};
+    for (uint32_t role = 0; role < m_members.size(); ++role) {
+        if (areMirrors(role, at.role) && m_members[role].layer != nullptr) {
+            (run.places.empty() ? run.places : run.copies).push_back(placeOn(role, at.offset));
         }
     }
-    if (run.kind == RunKind::DATA) {
-        run.places.resize(1);
+    return run;
+}
+
+// What a missing member would hold: the exclusive or of all others.
+LayerRun MdArray::rebuiltRun(const Location& at) const {
+    LayerRun run{at.length, RunKind::XOR, {}};
+    for (uint32_t other = 0; other < m_members.size(); ++other) {
+        if (m_members[other].layer != nullptr) {
+            run.places.push_back(placeOn(other, at.offset));
+        }
     }
     return run;
+}
+
+std::vector<const Layer*> MdArray::layersBelow() const {
+    std::vector<const Layer*> layers;
+    for (const Member& member : m_members) {
+        if (member.layer != nullptr) {
+            layers.push_back(member.layer);
+        }
+    }
+    return layers;
+}
+
+std::vector<LayerUse> MdArray::directUses(const LayerPlace& place, uint64_t length) const {
+    std::vector<LayerUse> uses;
+    uint32_t role = 0;
+    while (m_members[role].layer != place.layer) {
+        ++role;
+    }
+    const Member& member = m_members[role];
+    const LayerUse all = commonUse(member.start, member.length, place, length, mirrorKind(role, 0));
+    if (m_level == 1) {
+        appendUse(uses, all);
+        return uses;
+    }
+    for (uint64_t done = 0; done < all.length;) {
+        const uint64_t offset = all.logical + done;
+        const uint64_t step = std::min(all.length - done, m_chunkBytes - offset % m_chunkBytes);
+        appendRowUses(role, offset, step, uses);
+        done += step;
+    }
+    return uses;
+}
+
+// What a mirror of `holder` is: data where it is the first that is there.
+UseKind MdArray::mirrorKind(uint32_t role, uint32_t holder) const {
+    for (uint32_t other = 0; other < role; ++other) {
+        if (areMirrors(other, holder) && m_members[other].layer != nullptr) {
+            return UseKind::COPY;
+        }
+    }
+    return UseKind::DATA;
+}
+
+// At level 0, only members that reach so high have a part in the row.
+MdArray::Row MdArray::rowAt(uint64_t height) const {
+    Row row{0, 0};
+    for (const Member& member : m_members) {
+        const uint64_t chunks = member.length / m_chunkBytes;
+        row.firstChunk += std::min(height, chunks);
+        row.chunks += height < chunks ? 1 : 0;
+    }
+    if (m_level == 0) {
+        return row;
+    }
+    const uint64_t members = m_members.size();
+    const uint64_t width = m_level == 10 ? members / 2 : members - (m_level == 6 ? 2 : 1);
+    return {height * width, row.chunks == 0 ? 0 : width};
+}
+
+// What bytes within one chunk of a member are, told by where the library puts the row's chunks.
+void MdArray::appendRowUses(uint32_t role, uint64_t offset, uint64_t length,
+                            std::vector<LayerUse>& uses) const {
+    const Row row = rowAt(offset / m_chunkBytes);
+    const uint64_t place = m_members[role].start + offset;
+    bool isData = row.chunks == 0;
+    for (uint64_t chunk = row.firstChunk; chunk < row.firstChunk + row.chunks; ++chunk) {
+        const uint64_t logical = chunk * m_chunkBytes + offset % m_chunkBytes;
+        const uint32_t holder = locate(logical, length).role;
+        if (areMirrors(role, holder)) {
+            appendUse(uses, {place, length, mirrorKind(role, holder), logical});
+            isData = true;
+        } else if (m_members[holder].layer == nullptr && keepsParity()) {
+            appendUse(uses, {place, length, UseKind::REBUILDS, logical});
+        }
+    }
+    if (!isData && keepsParity()) {
+        appendUse(uses, {place, length, UseKind::PARITY, 0});
+    }
 }

@@ -52,6 +52,7 @@ class Judge {
             m_result.reason = *refused;
             return std::move(m_result);
         }
+        findSplit();
         for (const MdMember& member : m_members) {
             if (!m_clash) {
                 place(member);
@@ -62,7 +63,7 @@ class Judge {
             return std::move(m_result);
         }
         weighLoss();
-        if (m_result.state == MdState::COMPLETE || m_result.state == MdState::DEGRADED) {
+        if (m_result.state == MdState::COMPLETE || array().level != 0) {
             measure();
         }
         return std::move(m_result);
@@ -130,6 +131,31 @@ class Judge {
                    : fmt::format("near-{}", nearCopies);
     }
 
+    // Whose word on the other members counts.
+    bool speaks(const MdMember& member) const {
+        return member.superblock.kind == MemberKind::ACTIVE &&
+               member.superblock.events == array().events;
+    }
+
+    static bool denies(const MdMember& member, const MdMember& other) {
+        const std::vector<uint32_t>& roles = member.superblock.roles;
+        const uint32_t device = other.superblock.deviceNumber;
+        return device >= roles.size() || roles[device] != other.superblock.role;
+    }
+
+    // Two halves that both went on alone, and came as far as each other.
+    void findSplit() {
+        for (const MdMember& one : m_members) {
+            for (const MdMember& other : m_members) {
+                if (speaks(one) && speaks(other) && denies(one, other) && denies(other, one)) {
+                    m_clash = fmt::format("fell apart: {} and {} each went on without the other",
+                                          one.layer->name(), other.layer->name());
+                    return;
+                }
+            }
+        }
+    }
+
     void place(const MdMember& member) {
         if (const auto why = uselessness(member)) {
             m_result.unused.emplace_back(&member, *why);
@@ -175,6 +201,11 @@ class Judge {
         }
         if (own.badBlocks) {
             return "has a list of bad blocks";
+        }
+        for (const MdMember& other : m_members) {
+            if (speaks(other) && denies(other, member)) {
+                return "is no member any more, says " + other.layer->name();
+            }
         }
         if (own.dataSectors < array().componentSectors && array().level != 0) {
             return "is smaller than the array's members are";

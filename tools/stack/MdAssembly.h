@@ -23,7 +23,7 @@ struct MdAssembly {
     std::string reason;                  // unless complete: in words that follow the array's name
     const MdMember* newest = nullptr;    // whose superblock speaks for the array
     std::vector<const MdMember*> byRole; // null for a missing one
-    uint64_t size = 0;                   // bytes of the array
+    uint64_t size = 0;                   // bytes of the array; 0 when they cannot be told
     // Members that are not used, and why.
     std::vector<std::pair<const MdMember*, std::string>> unused;
 };

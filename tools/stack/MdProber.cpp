@@ -42,6 +42,7 @@ class MdProber : public Prober {
             return false;
         }
         node.content = fmt::format("md member, {}", superblock->version);
+        node.rest = "array metadata";
         Group& group = m_groups[superblock->uuid];
         if (!group.name.empty()) {
             node.notes.push_back(fmt::format(

@@ -78,11 +78,16 @@ struct Place {
     uint64_t sector;
 };
 
+// Both in sectors: the last whole 64 KiB of a member.
+uint64_t placeV090(uint64_t size) {
+    return (size & ~(V090_ALIGNMENT - 1)) - V090_ALIGNMENT;
+}
+
 std::vector<Place> placesOn(const Layer& layer) {
     const uint64_t sectors = layer.size() / SECTOR_BYTES;
     std::vector<Place> places;
     if (sectors >= 2 * V090_ALIGNMENT) {
-        places.push_back({"0.90", (sectors & ~(V090_ALIGNMENT - 1)) - V090_ALIGNMENT});
+        places.push_back({"0.90", placeV090(sectors)});
     }
     if (sectors >= 2 * SUPERBLOCK_SECTORS + 8) {
         places.push_back({"1.0", (sectors - 2 * SUPERBLOCK_SECTORS) & ~UINT64_C(7)});
@@ -129,14 +134,17 @@ class Reader {
         return std::nullopt;
     }
 
-    // The superblock at the end of a disk's last partition can be seen from the disk as well.
-    bool belongsToPartition(const Place& place) const {
+    // The superblock at the end of a disk's last partition can be seen from the disk as well. But a
+    // table that ends somewhere else may be that of the array, whose first bytes the disk holds.
+    bool belongsToPartition(const Place& place, uint64_t componentSectors) const {
         const auto table = readPartitionTable(m_layer);
         return table && std::any_of(table->partitions.begin(), table->partitions.end(),
                                     [&](const PartitionEntry& entry) {
                                         const uint64_t start = entry.start / SECTOR_BYTES;
-                                        return place.sector >= start &&
-                                               place.sector - start < entry.size / SECTOR_BYTES;
+                                        const uint64_t end = start + entry.size / SECTOR_BYTES;
+                                        return end <= m_layer.size() / SECTOR_BYTES &&
+                                               start + componentSectors <= place.sector &&
+                                               start + placeV090(end - start) == place.sector;
                                     });
     }
 
@@ -149,7 +157,7 @@ class Reader {
         if (checksum(buffer, buffer.size(), disk.sb_csum) != disk.sb_csum) {
             return reject(place, "its checksum is wrong");
         }
-        if (belongsToPartition(place)) {
+        if (belongsToPartition(place, uint64_t{disk.size} * 2)) {
             return std::nullopt;
         }
         if (disk.raid_disks == 0 || disk.raid_disks > MD_SB_DISKS) {
@@ -171,6 +179,12 @@ class Reader {
         found.clean = (disk.state & 1U << MD_SB_CLEAN) != 0;
         found.reshaping = disk.minor_version >= RESHAPING_MINOR_VERSION;
         found.role = disk.this_disk.raid_disk;
+        found.deviceNumber = disk.this_disk.number;
+        for (const mdp_disk_t& other : disk.disks) {
+            const bool inSync = (other.state & 1U << MD_DISK_SYNC) != 0 &&
+                                (other.state & 1U << MD_DISK_FAULTY) == 0;
+            found.roles.push_back(inSync ? other.raid_disk : NO_ROLE);
+        }
         if ((disk.this_disk.state & 1U << MD_DISK_FAULTY) != 0) {
             found.kind = MemberKind::FAULTY;
         } else if ((disk.this_disk.state & 1U << MD_DISK_SYNC) != 0 &&
@@ -234,12 +248,15 @@ class Reader {
     }
 
     static void setRole(MdSuperblock& found, const mdp_superblock_1& disk) {
-        uint16_t role = FAULTY_ROLE;
-        if (disk.dev_number < disk.max_dev) {
-            std::memcpy(&role, found.raw.data() + sizeof disk + disk.dev_number * sizeof role,
-                        sizeof role);
+        for (uint32_t device = 0; device < disk.max_dev; ++device) {
+            uint16_t role = 0;
+            std::memcpy(&role, found.raw.data() + sizeof disk + device * sizeof role, sizeof role);
+            found.roles.push_back(role);
         }
+        const uint32_t role =
+            disk.dev_number < disk.max_dev ? found.roles[disk.dev_number] : FAULTY_ROLE;
         found.role = role;
+        found.deviceNumber = disk.dev_number;
         if (role == MD_DISK_ROLE_JOURNAL) {
             found.kind = MemberKind::JOURNAL;
         } else if (role == FAULTY_ROLE) {

@@ -15,6 +15,8 @@
 
 constexpr uint64_t SECTOR_BYTES = 512;
 
+constexpr uint32_t NO_ROLE = UINT32_MAX;
+
 // What a member is to its array.
 enum class MemberKind { ACTIVE, SPARE, FAULTY, JOURNAL, REPLACEMENT, REBUILDING };
 
@@ -33,6 +35,10 @@ struct MdSuperblock {
 
     MemberKind kind = MemberKind::SPARE;
     uint32_t role = 0; // of an active member, below raidDisks
+    uint32_t deviceNumber = 0;
+    // What the superblock says of every device of the array, by its number: the role of those that
+    // hold the array's bytes, NO_ROLE for the others.
+    std::vector<uint32_t> roles;
     uint64_t dataStart = 0;
     uint64_t dataSectors = 0;
 

@@ -15,6 +15,12 @@ class Partition : public MappedLayer {
     LayerRun firstRun(uint64_t offset, uint64_t length) const override {
         return {length, RunKind::DATA, {{&m_below, m_start + offset}}};
     }
+    std::vector<const Layer*> layersBelow() const override { return {&m_below}; }
+    std::vector<LayerUse> directUses(const LayerPlace& place, uint64_t length) const override {
+        std::vector<LayerUse> uses;
+        appendUse(uses, commonUse(m_start, size(), place, length, UseKind::DATA));
+        return uses;
+    }
 
   private:
     const Layer& m_below;

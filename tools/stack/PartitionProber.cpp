@@ -18,6 +18,7 @@ class PartitionProber : public Prober {
             return false;
         }
         node.content = table->type;
+        node.rest = "partition table";
         for (const PartitionEntry& entry : table->partitions) {
             add(stack, node, entry);
         }

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <fmt/format.h>
-#include <map>
 
 namespace {
 
@@ -74,6 +73,7 @@ void Stack::addDisk(const std::string& path, const std::string& name) {
         if (image->isSameAs(*m_images[i])) {
             m_disks[i]->notes.push_back(
                 fmt::format("was given twice, also as {}; it is taken once", path));
+            m_byPath.emplace(path, m_disks[i]);
             return;
         }
     }
@@ -81,6 +81,7 @@ void Stack::addDisk(const std::string& path, const std::string& name) {
     StackNode node{image->name(), "disk", image->size(), NodeState::OK, "", {}, image.get()};
     keep(std::move(image));
     m_disks.push_back(&addNode(std::move(node), {}));
+    m_byPath.emplace(path, m_disks.back());
 }
 
 const Layer& Stack::keep(std::unique_ptr<Layer> layer) {
@@ -111,7 +112,11 @@ StackNode& Stack::addNode(StackNode node, const std::vector<StackNode*>& parents
 const StackNode* Stack::find(const std::string& name) const {
     const auto found = std::find_if(m_nodes.begin(), m_nodes.end(),
                                     [&](const StackNode& node) { return node.name == name; });
-    return found == m_nodes.end() ? nullptr : &*found;
+    if (found != m_nodes.end()) {
+        return &*found;
+    }
+    const auto disk = m_byPath.find(name);
+    return disk == m_byPath.end() ? nullptr : disk->second;
 }
 
 void Stack::discover() {

@@ -11,6 +11,7 @@
 #include "Layer.h"
 
 #include <deque>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -39,6 +40,7 @@ struct StackNode {
     const Layer* layer = nullptr;   // null when it cannot be read; the notes then say why
     std::vector<StackNode*> parents = {};
     std::vector<StackNode*> children = {};
+    std::string rest = {}; // what those of its bytes are that nothing found on it holds
 };
 
 class Stack {
@@ -56,6 +58,7 @@ class Stack {
     const std::vector<StackNode*>& disks() const { return m_disks; }
     // All nodes in the order in which they were found, disks first.
     const std::deque<StackNode>& nodes() const { return m_nodes; }
+    // By its name or, for a disk, by the path it was given as; null when there is none.
     const StackNode* find(const std::string& name) const;
 
     // For probers. A layer that is kept lives as long as the stack.
@@ -75,6 +78,7 @@ class Stack {
     std::set<std::string> m_names;
     std::vector<StackNode*> m_disks;
     std::vector<const DiskImage*> m_images;
+    std::map<std::string, const StackNode*> m_byPath; // disks
     std::vector<std::unique_ptr<Prober>> m_probers;
     std::size_t m_lookedAt = 0;
 };

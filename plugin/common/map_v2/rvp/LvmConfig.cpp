@@ -10,6 +10,7 @@
 #include <ctime>
 #include <iostream>
 #include <locale>
+#include <new>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
@@ -221,6 +222,9 @@ std::string LvmConfig::Node::strValue() const {
     if (node->type == SET) {
         std::ostringstream out;
         node->dump(out, 0);
+        if (!out) {
+            throw std::bad_alloc(); // a string stream fails for no other reason
+        }
         return out.str();
     }
     return node->name;

@@ -168,10 +168,12 @@ std::vector<StripeMember> stripeMembers(const RaidVolume& volume, std::size_t st
 }
 
 void appendSegments(RaidVolume& volume, std::vector<StripeMember> members) {
+    std::list<Raid_0_Segment> segments; // all of them or, when memory is short, none
     std::uint64_t used = 0;
     for (;;) {
         std::erase_if(members, [&](const StripeMember& one) { return one.chunks <= used; });
         if (members.empty()) {
+            volume.segments.splice(volume.segments.end(), segments);
             return;
         }
         const auto shortest = std::min_element(
@@ -179,7 +181,7 @@ void appendSegments(RaidVolume& volume, std::vector<StripeMember> members) {
             [](const StripeMember& a, const StripeMember& b) { return a.chunks < b.chunks; });
         const std::uint64_t step = shortest->chunks - used;
 
-        Raid_0_Segment& segment = volume.segments.emplace_back();
+        Raid_0_Segment& segment = segments.emplace_back();
         segment.chunks = members.size() * step;
         for (const StripeMember& one : members) {
             segment.members.push_back(*one.member);
@@ -194,11 +196,26 @@ void completeAt(RvpRaid& raid, RaidVolume& volume, std::uint32_t raidDisks, std:
     if (volume.complete || volume.members.size() != raidDisks) {
         return;
     }
-    volume.complete = true;
     if (level == 0) {
         raid.setupStriping(volume);
     } else if (level == 10) {
         raid.setupRAID10Striping(volume);
+    }
+    volume.complete = true;
+}
+
+// The same right behind the arrival of a member, which goes again when memory is short, so that it
+// can be added once more.
+void completeOrTakeBack(RvpRaid& raid, RaidVolume& volume, std::uint32_t raidDisks,
+                        std::uint32_t level, std::uint32_t newestRole) {
+    try {
+        completeAt(raid, volume, raidDisks, level);
+    } catch (...) {
+        const auto newest =
+            std::find_if(volume.members.rbegin(), volume.members.rend(),
+                         [&](const RaidSubdisk& member) { return member.role == newestRole; });
+        volume.members.erase(std::prev(newest.base()));
+        throw;
     }
 }
 
@@ -262,7 +279,8 @@ void RvpRaid::addPartitionToVolume(RvpDisk& disk, md_superblock_s* superblock) {
         return;
     }
     addToVolume(*volume, disk, superblock);
-    completeAt(*this, *volume, superblock->raid_disks, superblock->level);
+    completeOrTakeBack(*this, *volume, superblock->raid_disks, superblock->level,
+                       roleOf(*superblock));
 }
 
 void RvpRaid::addPartitionToVolume_v1(RvpDisk& disk, md_superblock_v1_s* superblock) {
@@ -275,7 +293,8 @@ void RvpRaid::addPartitionToVolume_v1(RvpDisk& disk, md_superblock_v1_s* superbl
         return;
     }
     addToVolume_v1(*volume, disk, superblock);
-    completeAt(*this, *volume, superblock->raid_disks, superblock->level);
+    completeOrTakeBack(*this, *volume, superblock->raid_disks, superblock->level,
+                       roleOf(*superblock));
 }
 
 void RvpRaid::createVolume(RvpDisk& disk, md_superblock_s* superblock) {
