@@ -323,10 +323,6 @@ class Host {
                                               maybe(&returned, 1), maybe(&done, 2),
                                               maybe(node, 3))) == KMP_OK) {
             require(returned >= 1 && returned <= capacity && done == 1, "extents are counted");
-            for (int i = 0; i < returned; ++i) {
-                require(extents[static_cast<std::size_t>(i)].length % 512 == 0,
-                        "extents are whole sectors");
-            }
         }
     }
     void getNames() {
