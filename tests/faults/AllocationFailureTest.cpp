@@ -162,6 +162,7 @@ TEST_P(FirstAllocationFailure, OfAProcess) {
         EXPECT_LE(outcome, NOT_STRUCK) << "allocation " << number << ": status " << status;
     }
     EXPECT_GT(number, 20);
+    RecordProperty("allocations", static_cast<int>(number - 1));
 }
 
 INSTANTIATE_TEST_SUITE_P(, FirstAllocationFailure,

@@ -169,6 +169,7 @@ TEST_P(GeometryFailure, AtEveryAllocation) {
             EXPECT_TRUE(isFirstPass || growth == 0) << number << ": " << growth;
             EXPECT_TRUE(same) << number;
             struck = FaultyHeap::failures() != 0;
+            RecordProperty("allocations", static_cast<int>(number - 1));
         }
     }
 }

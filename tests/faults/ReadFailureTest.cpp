@@ -25,7 +25,7 @@ TEST_P(ReadFailure, AtEveryRead) {
             struck = faults.strikes() != 0;
             EXPECT_EQ(session.problems, std::vector<std::string>()) << options << ": " << number;
             if (!struck) {
-                RecordProperty("reads", static_cast<int>(number - 1));
+                RecordProperty("reads " + options.substr(3, 4), static_cast<int>(number - 1));
             }
         }
     }
