@@ -10,6 +10,7 @@ from harness import CATALOG, FEW_ROUNDS, IMAGES, RVPMAP, bar, take_turns, tell
 MEMBERS = [word for name in "abc" for word in ("-d", f"{IMAGES}/stack/{name}.img")]
 VOLUME, FILE = "vg0/data", "/fragmented"
 RANGES = 10_000
+LARGEST_BAD_AREA = 64 * 1024  # bytes
 
 
 def digest(*command):
@@ -66,7 +67,7 @@ def owners():
         step = size // RANGES // 4096 * 4096
         map_file.write("0x0 ? 1\n")
         for at in range(0, RANGES * step, step):
-            bad = chosen.randrange(1, step // 512) * 512
+            bad = chosen.randrange(1, LARGEST_BAD_AREA // 512) * 512
             map_file.write(f"{at:#x} {bad:#x} -\n{at + bad:#x} {step - bad:#x} +\n")
         map_file.flush()
         owner, catalog = take_turns(
