@@ -69,7 +69,9 @@ def map_address():
         f"{time:.1f} ns at random, {in_order:.1f} ns in order, {each:.0f} instructions",
         time < 40 or each < 120,
     )
-    mapped = re.findall(r"^map +(level .*?), (\d+) members.*? ([\d.]+) ns a call at random", text, re.M)
+    mapped = re.findall(
+        r"^map +(level .*?), (\d+) members.*? ([\d.]+) ns a call at random", text, re.MULTILINE
+    )
     chart("map-address", "`calculatePartitionRun`, addresses at random", "nanoseconds a call", [
         (f"`calculatePartitionRun`, {level}, {members} members", float(time_of))
         for level, members, time_of in mapped
