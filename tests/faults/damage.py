@@ -291,6 +291,8 @@ def main():
                 bad += 1 if problems else 0
                 for problem in problems:
                     print(f"variant {number} ({kind}): {problem}", flush=True)
+                if sum(kinds.values()) % 100 == 0:
+                    print(f"{sum(kinds.values())} of {options.variants} variants", file=sys.stderr)
         print(f"{options.variants} variants, {sum(statuses.values())} commands in "
               f"{time.monotonic() - started:.0f} s; exit statuses {dict(sorted(statuses.items()))}; "
               f"slowest {slowest[0]:.2f} s ({slowest[1]}); {bad} variants with problems")
