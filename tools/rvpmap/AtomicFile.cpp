@@ -56,13 +56,16 @@ AtomicFile::~AtomicFile() {
     }
 }
 
-// Closing comes first: some file systems report a full disk only there.
+// Closing comes before naming: some file systems report a full disk only there. A nameless file
+// would be gone then, so a duplicate of its descriptor is closed.
 void AtomicFile::commit(Existing existing) {
-    if (m_temporary.empty()) {
-        nameIt(existing);
-    }
-    if (m_file.reset() != 0) {
+    const bool nameless = m_temporary.empty();
+    UniqueFd closed = nameless ? UniqueFd(::dup(m_file.get())) : std::move(m_file);
+    if (!closed.valid() || closed.reset() != 0) {
         fail();
+    }
+    if (nameless) {
+        nameIt(existing);
     }
     if (m_temporary.empty()) {
         return;
