@@ -2,6 +2,9 @@
 
 #include "Progress.h"
 #include "Text.h"
+#include "Volume.h"
+
+#include "fso/IFileSystemObjectV1.h"
 
 #include <cstdio>
 #include <fmt/format.h>
@@ -9,6 +12,17 @@
 void printMessage(std::string_view subject, std::string_view text) {
     Progress::hide();
     fmt::print(stderr, "rvpmap: {}: {}\n", printable(subject), text);
+}
+
+void printState(const Volume& volume) {
+    const uint64_t state = volume.statistics().state;
+    if ((state & FSO_FS_NEEDS_RECOVERY) != 0) {
+        printMessage(volume.name(), "the journal holds changes that are not in place yet; the "
+                                    "volume is shown as it lies");
+    }
+    if ((state & FSO_FS_HAS_ERRORS) != 0) {
+        printMessage(volume.name(), "the file system is marked as damaged");
+    }
 }
 
 void Failures::add(std::string_view path, std::string_view reason) {

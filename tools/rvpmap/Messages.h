@@ -8,8 +8,13 @@
 #include <utility>
 #include <vector>
 
+class Volume;
+
 // `subject` is shown escaped; `text` is printed as it is.
 void printMessage(std::string_view subject, std::string_view text);
+
+// Tells of an open volume whose file system is not at rest.
+void printState(const Volume& volume);
 
 // The failures of a command that goes on past damage.
 class Failures {

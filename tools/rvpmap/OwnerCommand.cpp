@@ -3,7 +3,6 @@
 #include "FileVisit.h"
 #include "OwnerPrinter.h"
 #include "Session.h"
-#include "SourceError.h"
 #include "Stack.h"
 #include "StackVolume.h"
 
@@ -57,8 +56,8 @@ class NodeOwners {
     bool failed() const { return m_failed; }
 
   private:
-    // Behind the areas of volumes; what lies higher tells more.
-    static constexpr std::size_t PARITY_RANK = 1;
+    // What lies higher tells more.
+    static constexpr std::size_t BEHIND_VOLUMES = 1;
     static constexpr std::size_t FIRST_REST_RANK = 2;
 
     // Nodes come behind those on which they lie.
@@ -83,7 +82,7 @@ class NodeOwners {
             return;
         }
         const std::vector<LayerUse> uses = usesOfRanges(*node.layer);
-        m_finder.addAreas(PARITY_RANK, AreaKind::PARITY, {node.name, ""},
+        m_finder.addAreas(BEHIND_VOLUMES, AreaKind::PARITY, {node.name, ""},
                           chosen(uses, [](UseKind kind) { return kind == UseKind::PARITY; }));
         if (node.children.empty()) {
             lookInto(node, uses);
@@ -123,16 +122,16 @@ class NodeOwners {
         try {
             addVolume(node, uses);
         } catch (const ToolError& error) {
-            fail(node, uses, error.what());
+            fail(node, uses, error);
         } catch (const SourceError& error) {
-            fail(node, uses, error.what());
+            fail(node, uses, readError(error));
         }
     }
 
-    void fail(const StackNode& volume, const std::vector<LayerUse>& uses, const char* reason) {
-        printMessage(volume.name, reason);
+    void fail(const StackNode& volume, const std::vector<LayerUse>& uses, const ToolError& error) {
+        printMessage(volume.name, error.what());
         m_failed = true;
-        m_finder.addAreas(PARITY_RANK, AreaKind::HIDDEN, {volume.name, ""}, held(uses));
+        m_finder.addAreas(BEHIND_VOLUMES, AreaKind::HIDDEN, {volume.name, ""}, held(uses));
     }
 
     void addVolume(const StackNode& node, const std::vector<LayerUse>& uses) {
@@ -142,6 +141,8 @@ class NodeOwners {
             return;
         }
         volume.open();
+        printState(volume);
+        findFile(volume, "/"); // nothing of a volume without a root is known to be free
         m_finder.beginVolume(node.name, uses, volume.fileSystemBytes());
         Failures failures(node.name, Failures::When::AT_ONCE);
         visitEveryFile(volume, "owner", failures,

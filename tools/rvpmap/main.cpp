@@ -6,9 +6,8 @@
 #include "Signals.h"
 #include "Stack.h"
 #include "StackVolume.h"
+#include "Text.h"
 #include "VolumeSource.h"
-
-#include "fso/IFileSystemObjectV1.h"
 
 #include <csignal>
 #include <cstdlib>
@@ -21,17 +20,6 @@ bool wantsColours(Colour colour) {
     const bool refused = noColour != nullptr && *noColour != '\0';
     return colour == Colour::ALWAYS ||
            (colour == Colour::AUTO && !refused && ::isatty(STDOUT_FILENO) == 1);
-}
-
-void warnOfState(const Volume& volume) {
-    const uint64_t state = volume.statistics().state;
-    if ((state & FSO_FS_NEEDS_RECOVERY) != 0) {
-        printMessage(volume.name(), "the journal holds changes that are not in place yet; the "
-                                    "volume is shown as it lies");
-    }
-    if ((state & FSO_FS_HAS_ERRORS) != 0) {
-        printMessage(volume.name(), "the file system is marked as damaged");
-    }
 }
 
 // A member of an array may look like the volume whose first bytes it holds.
@@ -88,7 +76,7 @@ ExitStatus runOnVolume(const Options& options, const Layer& source, const Stack*
     }
     if (options.command != Command::CLAIM) {
         volume.open();
-        warnOfState(volume);
+        printState(volume);
     }
     Session session{options, volume, {}, Table(wantsColours(options.colour)), stack};
     return runAndFlush(session);
@@ -132,7 +120,7 @@ ExitStatus runReported(const Options& options) {
     } catch (const Interrupted& interrupted) {
         endBySignal(interrupted.signal());
     } catch (const std::exception& error) {
-        printMessage(subjectOf(options), error.what());
+        printMessage(subjectOf(options), printable(error.what()));
         return ExitStatus::FAILED;
     }
 }
