@@ -69,8 +69,8 @@ class Copier {
             try {
                 put(run.logical + done, run.physical + done, piece);
             } catch (const SourceError& error) {
-                throw ToolError(ExitStatus::FAILED,
-                                fmt::format("its data cannot be read: {}", error.what()));
+                throw ToolError(ExitStatus::FAILED, fmt::format("its data cannot be read: {}",
+                                                                readError(error).what()));
             }
             m_progress.advance(piece);
             done += piece;

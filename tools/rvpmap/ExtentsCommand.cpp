@@ -1,6 +1,7 @@
 #include "ExtentCursor.h"
 #include "Json.h"
 #include "Path.h"
+#include "PhysicalMap.h"
 #include "RunFlags.h"
 #include "Session.h"
 #include "SourceError.h"
@@ -9,6 +10,23 @@
 #include <algorithm>
 
 namespace {
+
+// Only these keep the bytes on a disk from being the file's.
+constexpr uint32_t TELLING_FLAGS = FSO_EXTENT_ENCODED | FSO_EXTENT_UNWRITTEN;
+
+// Of a column of byte numbers up to the largest, below its heading.
+std::size_t columnWidth(uint64_t largest) {
+    return std::max<std::size_t>(fmt::formatted_size("{}", largest), 8);
+}
+
+void appendFlagNames(TextBuffer& out, uint32_t flags) {
+    std::string_view separator = "  ";
+    forEachFlag(flags, [&](std::string_view name) {
+        append(out, separator);
+        append(out, name);
+        separator = ",";
+    });
+}
 
 class JsonPrinter {
   public:
@@ -39,8 +57,7 @@ class TablePrinter {
 
     void begin(const FoundFile& found) {
         const Volume& volume = found.file.volume();
-        const uint64_t largest = std::max(volume.source().size(), found.file.attributes().size);
-        m_width = std::max<std::size_t>(fmt::formatted_size("{}", largest), 8);
+        m_width = columnWidth(std::max(volume.source().size(), found.file.attributes().size));
         fmt::format_to(std::back_inserter(m_output.buffer()), "{:>{}}  {:>{}}  {:>{}}  {}\n",
                        "logical", m_width, "physical", m_width, "length", m_width, "flags");
     }
@@ -48,12 +65,7 @@ class TablePrinter {
         TextBuffer& out = m_output.buffer();
         fmt::format_to(std::back_inserter(out), "{:>{}}  {:>{}}  {:>{}}", run.logical, m_width,
                        run.physical, m_width, run.length, m_width);
-        std::string_view separator = "  ";
-        forEachFlag(run.flags, [&](std::string_view name) {
-            append(out, separator);
-            append(out, name);
-            separator = ",";
-        });
+        appendFlagNames(out, run.flags);
         out.push_back('\n');
         ++m_runs;
         m_bytes += run.length;
@@ -80,7 +92,7 @@ std::vector<DiskRun> physicalRuns(const Volume& volume, const Run& run) {
         }
         return pieces;
     } catch (const SourceError& error) {
-        throw ToolError(ExitStatus::FAILED, error.what());
+        throw readError(error);
     }
 }
 
@@ -97,7 +109,10 @@ class PhysicalJsonPrinter {
             fmt::format_to(std::back_inserter(m_output.buffer()), R"({}{{"logical":{},"length":{})",
                            m_first ? "" : ",", piece.logical, piece.run.length);
             printPlaces(piece.run);
-            printFlags(run);
+            if ((run.flags & TELLING_FLAGS) != 0) {
+                append(m_output.buffer(), R"(,"flags":)");
+                appendJsonFlags(m_output.buffer(), run.flags & TELLING_FLAGS);
+            }
             m_output.buffer().push_back('}');
             m_output.pace();
             m_first = false;
@@ -125,13 +140,6 @@ class PhysicalJsonPrinter {
         appendJsonName(m_output.buffer(), "disk", place.layer->name());
         fmt::format_to(std::back_inserter(m_output.buffer()), R"(,"offset":{})", place.offset);
     }
-    // Only what keeps the bytes on the disk from being the file's.
-    void printFlags(const Run& run) {
-        if (run.isEncoded() || !run.isData()) {
-            fmt::format_to(std::back_inserter(m_output.buffer()), R"(,"flags":["{}"])",
-                           run.isEncoded() ? "encoded" : "unwritten");
-        }
-    }
 
     Output& m_output;
     JsonPrinter m_frame;
@@ -141,31 +149,34 @@ class PhysicalJsonPrinter {
 
 class PhysicalTablePrinter {
   public:
-    explicit PhysicalTablePrinter(Output& output) : m_output(output) {}
+    explicit PhysicalTablePrinter(Session& session) : m_session(session) {}
 
     void begin(const FoundFile& found) {
-        m_volume = &found.file.volume();
-        m_width =
-            std::max<std::size_t>(fmt::formatted_size("{}", std::max(m_volume->source().size(),
-                                                                     found.file.attributes().size)),
-                                  8);
-        fmt::format_to(std::back_inserter(m_output.buffer()), "{:>{}}  {:>{}}  {:>{}}  disk\n",
-                       "logical", m_width, "length", m_width, "offset", m_width);
+        uint64_t largest = found.file.attributes().size;
+        const PhysicalMap map = makePhysicalMap(m_session);
+        for (const PhysicalDisk& disk : map.disks()) {
+            largest = std::max(largest, disk.size);
+        }
+        m_width = columnWidth(largest);
+        fmt::format_to(std::back_inserter(m_session.output.buffer()),
+                       "{:>{}}  {:>{}}  {:>{}}  disk\n", "logical", m_width, "length", m_width,
+                       "offset", m_width);
     }
     void print(const Run& run) {
-        for (const DiskRun& piece : physicalRuns(*m_volume, run)) {
-            TextBuffer& out = m_output.buffer();
+        for (const DiskRun& piece : physicalRuns(m_session.volume, run)) {
+            TextBuffer& out = m_session.output.buffer();
             fmt::format_to(std::back_inserter(out), "{:>{}}  {:>{}}  ", piece.logical, m_width,
                            piece.run.length, m_width);
             append(out, placesText(piece.run));
-            append(out, run.isEncoded() ? "  encoded\n" : run.isData() ? "\n" : "  unwritten\n");
+            appendFlagNames(out, run.flags & TELLING_FLAGS);
+            out.push_back('\n');
             ++m_pieces;
-            m_output.pace();
+            m_session.output.pace();
         }
     }
     void end() {
-        fmt::format_to(std::back_inserter(m_output.buffer()), "{} piece{} on disks\n", m_pieces,
-                       m_pieces == 1 ? "" : "s");
+        fmt::format_to(std::back_inserter(m_session.output.buffer()), "{} piece{} on disks\n",
+                       m_pieces, m_pieces == 1 ? "" : "s");
     }
 
   private:
@@ -184,8 +195,7 @@ class PhysicalTablePrinter {
         return text;
     }
 
-    Output& m_output;
-    const Volume* m_volume = nullptr;
+    Session& m_session;
     std::size_t m_width = 0;
     uint64_t m_pieces = 0;
 };
@@ -219,7 +229,7 @@ ExitStatus runExtents(Session& session) {
     if (session.options.physical && session.options.json) {
         printExtents(PhysicalJsonPrinter(session.output), found);
     } else if (session.options.physical) {
-        printExtents(PhysicalTablePrinter(session.output), found);
+        printExtents(PhysicalTablePrinter(session), found);
     } else if (session.options.json) {
         printExtents(JsonPrinter(session.output), found);
     } else {

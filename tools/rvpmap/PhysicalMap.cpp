@@ -40,7 +40,7 @@ void PhysicalMap::append(uint64_t offset, uint64_t length, std::vector<PhysicalR
             }
         }
     } catch (const SourceError& error) {
-        throw ToolError(ExitStatus::FAILED, error.what());
+        throw readError(error);
     }
 }
 

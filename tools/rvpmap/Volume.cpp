@@ -2,6 +2,7 @@
 
 #include "DiskRuns.h"
 #include "File.h"
+#include "Text.h"
 
 #include <algorithm>
 #include <cstring>
@@ -16,6 +17,10 @@ int stayAlive(void* /*context*/) {
 }
 
 } // namespace
+
+ToolError readError(const SourceError& error) {
+    return {ExitStatus::FAILED, printable(error.what())};
+}
 
 Volume::Volume(const Provider& provider, const Layer& source, const std::string& name)
     : m_provider(provider), m_source(source), m_name(name), m_handler{{onError}, this} {
@@ -48,7 +53,8 @@ Volume::~Volume() {
 
 // A source that is merely too short holds no file system; one that cannot be read may.
 bool Volume::claim() {
-    if (call(m_provider.claimVolume, m_name.c_str()) != KM_CLAIM_NONE) {
+    m_claimed = call(m_provider.claimVolume, m_name.c_str()) != KM_CLAIM_NONE;
+    if (m_claimed) {
         return true;
     }
     if (!m_raised.empty() || (!m_readFailure.empty() && !m_readFailedPastEnd)) {
@@ -58,7 +64,7 @@ bool Volume::claim() {
 }
 
 void Volume::open() {
-    if (!claim()) {
+    if (!m_claimed && !claim()) {
         throw ToolError(ExitStatus::NOT_FOUND,
                         "is not claimed: no file system was recognised" +
                             (m_readFailure.empty() ? "" : " (" + m_readFailure + ")"));
@@ -145,7 +151,7 @@ bool Volume::onRead(void* context, unsigned long offset, unsigned long length, c
         volume.m_source.read(offset, length, buffer);
         return true;
     } catch (const SourceError& error) {
-        volume.m_readFailure = error.what();
+        volume.m_readFailure = readError(error).what();
         volume.m_readFailedPastEnd = error.pastEnd();
         return false;
     }

@@ -16,6 +16,9 @@
 
 class File;
 
+// A read that failed, as users are told of it: escaped, because names on disks may hold anything.
+ToolError readError(const SourceError& error);
+
 class Volume {
   public:
     // `name` is what the user calls the volume. Throws ToolError.
@@ -26,7 +29,8 @@ class Volume {
 
     // Whether the provider recognises a file system. Throws ToolError when it could not look.
     bool claim();
-    // Claims and opens; throws ToolError, NOT_FOUND when the volume is not claimed.
+    // Opens what is claimed, or claims it first; throws ToolError, NOT_FOUND when it is not
+    // claimed.
     void open();
 
     const std::string& name() const { return m_name; }
@@ -82,6 +86,7 @@ class Volume {
     std::string m_name;
     Handler m_handler;
     RvpInstance* m_instance = nullptr;
+    bool m_claimed = false;
     kmp_obj* m_fileSystem = nullptr;
     kmp_fs m_statistics = {};
     uint64_t m_rootIndex = 0;

@@ -8,8 +8,6 @@
 
 namespace {
 
-constexpr int FIRST_ERRNO_CODE = 4096;
-
 bool hasSeveralPaths(const File& file) {
     return file.typeBits() != S_IFDIR && file.attributes().linkCount > 1;
 }
@@ -42,7 +40,7 @@ void VolumePicture::makeBitmap() {
     } catch (const LinuxError& error) {
         throw ToolError(ExitStatus::FAILED,
                         fmt::format("no bitmap of {} blocks can be made: {}", m_blocks,
-                                    std::strerror(error.m_code - FIRST_ERRNO_CODE)));
+                                    std::strerror(error.m_code - KMP_ERRNO_BASE)));
     }
 }
 
