@@ -75,6 +75,7 @@ class TarVolume final : public IFileSystemObjectV1 {
     // A position is the number of entries before it.
     uint32_t readDir(uint64_t index, fso_dir_request* request, uint32_t* entryCount) override {
         request->resultCount = 0;
+        *entryCount = 0;
         if (index != ROOT) {
             return FSO_INVALID;
         }

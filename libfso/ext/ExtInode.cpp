@@ -35,8 +35,9 @@ std::uint64_t makeDevice(const std::uint32_t* words) {
 
 errcode_t locateInode(ext2_filsys fs, ext2_ino_t number, std::uint64_t& offset) {
     const std::uint64_t table = ext2fs_inode_table_loc(fs, ext2fs_group_of_ino(fs, number));
-    if (table < std::max(fs->super->s_first_data_block, 1U) ||
-        table + fs->inode_blocks_per_group > ext2fs_blocks_count(fs->super)) {
+    const std::uint64_t blocks = ext2fs_blocks_count(fs->super);
+    if (table < std::max(fs->super->s_first_data_block, 1U) || table > blocks ||
+        fs->inode_blocks_per_group > blocks - table) {
         return EXT2_ET_GDESC_BAD_INODE_TABLE;
     }
     const std::uint64_t inGroup = (number - 1) % fs->super->s_inodes_per_group;

@@ -145,11 +145,12 @@ class Judge {
 
     // Two halves that both went on alone, and came as far as each other.
     void findSplit() {
-        for (const MdMember& one : m_members) {
-            for (const MdMember& other : m_members) {
-                if (speaks(one) && speaks(other) && denies(one, other) && denies(other, one)) {
+        for (auto one = m_members.begin(); one != m_members.end(); ++one) {
+            for (auto other = one + 1; other != m_members.end(); ++other) {
+                if (speaks(*one) && speaks(*other) && denies(*one, *other) &&
+                    denies(*other, *one)) {
                     m_clash = fmt::format("fell apart: {} and {} each went on without the other",
-                                          one.layer->name(), other.layer->name());
+                                          one->layer->name(), other->layer->name());
                     return;
                 }
             }
