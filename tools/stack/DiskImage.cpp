@@ -23,50 +23,37 @@ SourceError systemFailure() {
 } // namespace
 
 // O_NONBLOCK keeps the opening of a FIFO from waiting for a writer; files and disks ignore it.
-DiskImage::DiskImage(const std::string& path, std::string name)
-    : m_name(std::move(name)), m_file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {
-    if (!m_file.valid()) {
-        throw systemFailure();
-    }
-    measure();
-}
-
-void DiskImage::measure() {
+DiskImage::Opened DiskImage::open(const std::string& path) {
+    Opened opened;
+    opened.file = UniqueFd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status = {};
-    if (::fstat(m_file.get(), &status) != 0) {
+    if (!opened.file.valid() || ::fstat(opened.file.get(), &status) != 0) {
         throw systemFailure();
     }
-    m_isDevice = S_ISBLK(status.st_mode);
-    m_device = m_isDevice ? status.st_rdev : status.st_dev;
-    m_inode = m_isDevice ? 0 : status.st_ino;
+    opened.isDevice = S_ISBLK(status.st_mode);
+    opened.device = opened.isDevice ? status.st_rdev : status.st_dev;
+    opened.inode = opened.isDevice ? 0 : status.st_ino;
     if (S_ISREG(status.st_mode)) {
-        m_size = static_cast<uint64_t>(status.st_size);
-    } else if (!m_isDevice) {
+        opened.size = static_cast<uint64_t>(status.st_size);
+    } else if (!opened.isDevice) {
         throw SourceError("is neither an image file nor a block device", false);
-    } else if (::ioctl(m_file.get(), BLKGETSIZE64, &m_size) != 0) {
+    } else if (::ioctl(opened.file.get(), BLKGETSIZE64, &opened.size) != 0) {
         throw systemFailure();
     }
-}
-
-void DiskImage::checkRange(uint64_t offset, uint64_t length) const {
-    if (offset > m_size || length > m_size - offset) {
-        throw readFailure(offset, length,
-                          fmt::format("past the end of {}, which has {} bytes", m_name, m_size),
-                          true);
-    }
+    return opened;
 }
 
 void DiskImage::read(uint64_t offset, std::size_t length, char* buffer) const {
     checkRange(offset, length);
     for (std::size_t done = 0; done < length;) {
-        const ssize_t count =
-            ::pread(m_file.get(), buffer + done, length - done, static_cast<off_t>(offset + done));
+        const ssize_t count = ::pread(m_opened.file.get(), buffer + done, length - done,
+                                      static_cast<off_t>(offset + done));
         if (count > 0) {
             done += static_cast<std::size_t>(count);
         } else if (count == 0) {
-            throw readFailure(offset, length, fmt::format("{} has become shorter", m_name), true);
+            throw readFailure(offset, length, fmt::format("{} has become shorter", name()), true);
         } else if (errno != EINTR) {
-            throw readFailure(offset, length, fmt::format("{}: {}", m_name, std::strerror(errno)),
+            throw readFailure(offset, length, fmt::format("{}: {}", name(), std::strerror(errno)),
                               false);
         }
     }
@@ -76,7 +63,7 @@ std::size_t DiskImage::send(uint64_t offset, std::size_t length, int target, uin
     checkRange(offset, length);
     auto from = static_cast<off64_t>(offset);
     auto at = static_cast<off64_t>(to);
-    const ssize_t count = ::copy_file_range(m_file.get(), &from, target, &at, length, 0);
+    const ssize_t count = ::copy_file_range(m_opened.file.get(), &from, target, &at, length, 0);
     return count > 0 ? static_cast<std::size_t>(count) : 0;
 }
 
@@ -91,5 +78,7 @@ std::vector<LayerUse> DiskImage::uses(const LayerPlace& place, uint64_t length) 
 }
 
 bool DiskImage::isSameAs(const DiskImage& other) const {
-    return m_isDevice == other.m_isDevice && m_device == other.m_device && m_inode == other.m_inode;
+    const Opened& its = other.m_opened;
+    return m_opened.isDevice == its.isDevice && m_opened.device == its.device &&
+           m_opened.inode == its.inode;
 }

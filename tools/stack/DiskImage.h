@@ -11,9 +11,7 @@
 class DiskImage : public Layer {
   public:
     // Opens `path` for reading. Throws SourceError, without the name.
-    DiskImage(const std::string& path, std::string name);
-    const std::string& name() const override { return m_name; }
-    uint64_t size() const override { return m_size; }
+    DiskImage(const std::string& path, std::string name) : DiskImage(open(path), std::move(name)) {}
     void read(uint64_t offset, std::size_t length, char* buffer) const override;
     std::size_t send(uint64_t offset, std::size_t length, int target, uint64_t to) const override;
     std::vector<LayerRun> map(uint64_t offset, uint64_t length) const override;
@@ -22,15 +20,18 @@ class DiskImage : public Layer {
     bool isSameAs(const DiskImage& other) const;
 
   private:
-    void measure();
-    void checkRange(uint64_t offset, uint64_t length) const;
+    struct Opened {
+        UniqueFd file;
+        uint64_t size = 0; // bytes
+        bool isDevice = false;
+        dev_t device = 0; // of the file system, or the block device itself
+        ino_t inode = 0;
+    };
+    static Opened open(const std::string& path);
+    DiskImage(Opened opened, std::string name)
+        : Layer(std::move(name), opened.size), m_opened(std::move(opened)) {}
 
-    std::string m_name;
-    UniqueFd m_file;
-    uint64_t m_size = 0;
-    bool m_isDevice = false;
-    dev_t m_device = 0; // of the file system, or the block device itself
-    ino_t m_inode = 0;
+    Opened m_opened;
 };
 
 #endif

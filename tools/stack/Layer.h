@@ -9,7 +9,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
+
+constexpr uint64_t SECTOR_BYTES = 512;
 
 class Layer;
 
@@ -51,10 +54,13 @@ struct LayerUse {
 class Layer {
   public:
     virtual ~Layer() = default;
+    Layer(const Layer&) = delete;
+    Layer& operator=(const Layer&) = delete;
+
     // What users call it: "a.img", "a.img#2", "md0", "vg0/root".
-    virtual const std::string& name() const = 0;
+    const std::string& name() const { return m_name; }
     // Bytes.
-    virtual uint64_t size() const = 0;
+    uint64_t size() const { return m_size; }
     // Fills exactly `length` bytes from byte `offset` on, or throws SourceError naming the disk.
     virtual void read(uint64_t offset, std::size_t length, char* buffer) const = 0;
     // Has the kernel copy bytes from `offset` on to byte `to` of the open file `target`, past this
@@ -69,25 +75,17 @@ class Layer {
     // others. In no order; of one place there may be several uses, or none. Parity is a use of the
     // layer that keeps it only, not of those above.
     virtual std::vector<LayerUse> uses(const LayerPlace& place, uint64_t length) const = 0;
+
+  protected:
+    Layer(std::string name, uint64_t size) : m_name(std::move(name)), m_size(size) {}
+    // Throws SourceError for a range that does not lie within the layer.
+    void checkRange(uint64_t offset, uint64_t length) const;
+    // The uses of its own bytes.
+    static std::vector<LayerUse> ownUses(const LayerPlace& place, uint64_t length);
+
+  private:
+    std::string m_name;
+    uint64_t m_size;
 };
-
-// The uses of its own bytes.
-inline std::vector<LayerUse> ownUses(const LayerPlace& place, uint64_t length) {
-    const uint64_t size = place.layer->size();
-    if (place.offset >= size) {
-        return {};
-    }
-    const uint64_t held = length < size - place.offset ? length : size - place.offset;
-    return {{place.offset, held, UseKind::DATA, place.offset}};
-}
-
-// A run all the way down: places are on disks.
-struct DiskRun {
-    uint64_t logical; // where the run begins in the mapped layer
-    LayerRun run;
-};
-
-// Maps a range of a layer through everything below it onto the disks.
-std::vector<DiskRun> mapToDisks(const Layer& layer, uint64_t offset, uint64_t length);
 
 #endif

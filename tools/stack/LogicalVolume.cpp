@@ -9,25 +9,21 @@ uint64_t sizeOf(const std::vector<VolumeSegment>& segments) {
     return segments.empty() ? 0 : segments.back().start + segments.back().length;
 }
 
-// What a range is to a segment that lies on one place; a length of 0 when it is nothing.
-LayerUse linearUse(const VolumeSegment& segment, const LayerPlace& own, UseKind kind,
-                   const LayerPlace& place, uint64_t length) {
-    LayerUse use = commonUse(own.offset, segment.length, place, length, kind);
-    use.logical += segment.start;
-    return use;
-}
-
-void appendStripeUses(const VolumeSegment& segment, std::size_t stripe, const LayerPlace& place,
-                      uint64_t length, std::vector<LayerUse>& uses) {
+// What a range is to one stripe of a segment, or to a copy of its only one, which lies at `own`.
+void appendStripeUses(const VolumeSegment& segment, const LayerPlace& own, std::size_t stripe,
+                      UseKind kind, const LayerPlace& place, uint64_t length,
+                      std::vector<LayerUse>& uses) {
+    if (own.layer != place.layer) {
+        return;
+    }
     const std::size_t stripes = segment.places.size();
-    const LayerUse all = commonUse(segment.places[stripe].offset, segment.length / stripes, place,
-                                   length, UseKind::DATA);
+    const LayerUse all = commonUse(own.offset, segment.length / stripes, place, length, kind);
     for (uint64_t done = 0; done < all.length;) {
         const uint64_t inside = all.logical + done;
         const uint64_t inChunk = inside % segment.stripeSize;
         const uint64_t step = std::min(all.length - done, segment.stripeSize - inChunk);
         const uint64_t chunk = inside / segment.stripeSize * stripes + stripe;
-        appendUse(uses, {all.offset + done, step, UseKind::DATA,
+        appendUse(uses, {all.offset + done, step, kind,
                          segment.start + chunk * segment.stripeSize + inChunk});
         done += step;
     }
@@ -48,20 +44,16 @@ LayerRun LogicalVolume::firstRun(uint64_t offset, uint64_t length) const {
     if (stripes == 0) {
         return {length, RunKind::ZERO, {}};
     }
-    if (stripes == 1) {
-        const LayerPlace& place = segment.places.front();
-        LayerRun run{length, RunKind::DATA, {{place.layer, place.offset + inside}}};
-        for (const LayerPlace& copy : segment.copies) {
-            run.copies.push_back({copy.layer, copy.offset + inside});
-        }
-        return run;
-    }
     const uint64_t chunk = inside / segment.stripeSize;
     const uint64_t inChunk = inside % segment.stripeSize;
     const LayerPlace& place = segment.places[chunk % stripes];
-    return {std::min(length, segment.stripeSize - inChunk),
-            RunKind::DATA,
-            {{place.layer, place.offset + chunk / stripes * segment.stripeSize + inChunk}}};
+    LayerRun run{std::min(length, segment.stripeSize - inChunk),
+                 RunKind::DATA,
+                 {{place.layer, place.offset + chunk / stripes * segment.stripeSize + inChunk}}};
+    for (const LayerPlace& copy : segment.copies) {
+        run.copies.push_back({copy.layer, copy.offset + inside});
+    }
+    return run;
 }
 
 std::vector<const Layer*> LogicalVolume::layersBelow() const {
@@ -80,20 +72,11 @@ std::vector<LayerUse> LogicalVolume::directUses(const LayerPlace& place, uint64_
     std::vector<LayerUse> uses;
     for (const VolumeSegment& segment : m_segments) {
         for (std::size_t stripe = 0; stripe < segment.places.size(); ++stripe) {
-            if (segment.places[stripe].layer != place.layer) {
-                continue;
-            }
-            if (segment.places.size() == 1) {
-                appendUse(uses,
-                          linearUse(segment, segment.places.front(), UseKind::DATA, place, length));
-            } else {
-                appendStripeUses(segment, stripe, place, length, uses);
-            }
+            appendStripeUses(segment, segment.places[stripe], stripe, UseKind::DATA, place, length,
+                             uses);
         }
         for (const LayerPlace& copy : segment.copies) {
-            if (copy.layer == place.layer) {
-                appendUse(uses, linearUse(segment, copy, UseKind::COPY, place, length));
-            }
+            appendStripeUses(segment, copy, 0, UseKind::COPY, place, length, uses);
         }
     }
     return uses;

@@ -8,7 +8,7 @@
 struct VolumeSegment {
     uint64_t start;
     uint64_t length;
-    uint64_t stripeSize;            // means nothing with less than two places
+    uint64_t stripeSize;            // the whole length where there is one place
     std::vector<LayerPlace> places; // one for each stripe; none: reads as zeros
     std::vector<LayerPlace> copies; // of a segment on one place: the same bytes once more
 };

@@ -15,7 +15,6 @@ namespace {
 
 static_assert(std::endian::native == std::endian::little); // as the fields on disk
 
-constexpr std::size_t SECTOR = 512;
 constexpr uint64_t LABEL_SECTORS = 4;
 constexpr uint32_t CRC_START = 0xF597A6CF;
 constexpr std::string_view LABEL_MAGIC = "LABELONE";
@@ -57,12 +56,12 @@ struct AreaHeader {
 };
 static_assert(offsetof(AreaHeader, start) == 24 && offsetof(AreaHeader, text) == 40);
 
-using Sector = std::array<char, SECTOR>;
+using Sector = std::array<char, SECTOR_BYTES>;
 
 // LVM2 leaves out the inversions at both ends of the usual sum.
-uint32_t crc(uint32_t start, const char* bytes, std::size_t length) {
+uint32_t crc(const char* bytes, std::size_t length) {
     return ~static_cast<uint32_t>(
-        ::crc32_z(~start & UINT32_MAX, reinterpret_cast<const unsigned char*>(bytes), length));
+        ::crc32_z(~CRC_START, reinterpret_cast<const unsigned char*>(bytes), length));
 }
 
 template <typename Record>
@@ -76,7 +75,7 @@ Record recordAt(const Sector& sector, std::size_t offset) {
 std::optional<std::vector<AreaLocation>> metadataAreas(const Sector& sector, std::size_t at) {
     std::vector<AreaLocation> areas;
     for (int list = 0; list < 2;) {
-        if (at + sizeof(AreaLocation) > SECTOR) {
+        if (at + sizeof(AreaLocation) > SECTOR_BYTES) {
             return std::nullopt;
         }
         const auto area = recordAt<AreaLocation>(sector, at);
@@ -99,7 +98,7 @@ class AreaReader {
         Sector sector = {};
         m_layer.read(m_area.offset, sector.size(), sector.data());
         const auto header = recordAt<AreaHeader>(sector, 0);
-        if (crc(CRC_START, sector.data() + sizeof header.crc, SECTOR - sizeof header.crc) !=
+        if (crc(sector.data() + sizeof header.crc, SECTOR_BYTES - sizeof header.crc) !=
             header.crc) {
             throw SourceError("the checksum of its header is wrong", false);
         }
@@ -111,9 +110,9 @@ class AreaReader {
         if (text.offset == 0 || (text.flags & IGNORED) != 0) {
             return "";
         }
-        if (header.size <= SECTOR || text.offset < SECTOR || text.offset >= header.size ||
-            text.size > header.size - SECTOR || text.size > LARGEST_TEXT ||
-            text.size > m_layer.size()) {
+        if (header.size <= SECTOR_BYTES || text.offset < SECTOR_BYTES ||
+            text.offset >= header.size || text.size > header.size - SECTOR_BYTES ||
+            text.size > LARGEST_TEXT || text.size > m_layer.size()) {
             throw SourceError("its text lies outside of it", false);
         }
         return readText(header);
@@ -127,8 +126,8 @@ class AreaReader {
         const auto first =
             static_cast<std::size_t>(std::min(place.size, header.size - place.offset));
         m_layer.read(m_area.offset + place.offset, first, text.data());
-        m_layer.read(m_area.offset + SECTOR, text.size() - first, text.data() + first);
-        if (crc(CRC_START, text.data(), text.size()) != place.crc) {
+        m_layer.read(m_area.offset + SECTOR_BYTES, text.size() - first, text.data() + first);
+        if (crc(text.data(), text.size()) != place.crc) {
             throw SourceError("the checksum of its text is wrong", false);
         }
         return text;
@@ -158,10 +157,10 @@ void readAreas(const Layer& layer, const std::vector<AreaLocation>& areas, LvmLa
 } // namespace
 
 std::optional<LvmLabel> readLvmLabel(const Layer& layer, std::vector<std::string>& notes) {
-    for (uint64_t number = 0; number < LABEL_SECTORS && (number + 1) * SECTOR <= layer.size();
+    for (uint64_t number = 0; number < LABEL_SECTORS && (number + 1) * SECTOR_BYTES <= layer.size();
          ++number) {
         Sector sector = {};
-        layer.read(number * SECTOR, sector.size(), sector.data());
+        layer.read(number * SECTOR_BYTES, sector.size(), sector.data());
         const auto header = recordAt<LabelHeader>(sector, 0);
         if (std::string_view(header.id, sizeof header.id) != LABEL_MAGIC ||
             std::string_view(header.type, sizeof header.type) != LABEL_TYPE) {
@@ -170,9 +169,9 @@ std::optional<LvmLabel> readLvmLabel(const Layer& layer, std::vector<std::string
         constexpr std::size_t SUMMED = offsetof(LabelHeader, offset);
         constexpr std::size_t LISTS = UUID_SIZE + sizeof(uint64_t);
         const char* wrong = nullptr;
-        if (crc(CRC_START, sector.data() + SUMMED, SECTOR - SUMMED) != header.crc) {
+        if (crc(sector.data() + SUMMED, SECTOR_BYTES - SUMMED) != header.crc) {
             wrong = "its checksum is wrong";
-        } else if (header.sector != number || header.offset > SECTOR - LISTS) {
+        } else if (header.sector != number || header.offset > SECTOR_BYTES - LISTS) {
             wrong = "it makes no sense";
         }
         const auto areas =
@@ -182,10 +181,7 @@ std::optional<LvmLabel> readLvmLabel(const Layer& layer, std::vector<std::string
                                         wrong != nullptr ? wrong : "its lists do not end"));
             continue;
         }
-        LvmLabel label{{sector.data() + header.offset, UUID_SIZE},
-                       recordAt<uint64_t>(sector, header.offset + UUID_SIZE),
-                       {},
-                       {}};
+        LvmLabel label{{sector.data() + header.offset, UUID_SIZE}, {}, {}};
         readAreas(layer, *areas, label);
         return label;
     }

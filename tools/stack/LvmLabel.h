@@ -14,7 +14,6 @@
 
 struct LvmLabel {
     std::string uuid;               // 32 characters
-    uint64_t deviceSize;            // bytes
     std::vector<std::string> texts; // of each metadata area that is in order
     std::vector<std::string> notes; // on those that are not
 };

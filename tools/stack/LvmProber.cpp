@@ -2,13 +2,11 @@
 #include "LvmLabel.h"
 #include "LvmText.h"
 #include "LvmVolumes.h"
-#include "MdSuperblock.h"
 #include "Prober.h"
 
 #include <algorithm>
 #include <fmt/format.h>
 #include <map>
-#include <optional>
 
 namespace {
 
@@ -25,6 +23,18 @@ struct Group {
     std::string name;           // once it is put together
     bool contradictory = false; // two texts of one sequence number
 };
+
+NodeState stateOf(LvmVolumes::Problem problem) {
+    switch (problem) {
+    case LvmVolumes::Problem::UNSUPPORTED:
+        return NodeState::UNSUPPORTED;
+    case LvmVolumes::Problem::LACKS_DEVICE:
+        return NodeState::INCOMPLETE;
+    case LvmVolumes::Problem::DAMAGED:
+        break;
+    }
+    return NodeState::DAMAGED;
+}
 
 class LvmProber : public Prober {
   public:
@@ -170,10 +180,8 @@ class LvmProber : public Prober {
                            {},
                            made.layer};
             if (made.layer == nullptr) {
-                node.state = made.unsupported   ? NodeState::UNSUPPORTED
-                             : made.lacksDevice ? NodeState::INCOMPLETE
-                                                : NodeState::DAMAGED;
-                node.notes.push_back(made.problem);
+                node.state = stateOf(made.problem);
+                node.notes.push_back(made.reason);
             }
             stack.addNode(std::move(node), {&parent});
         }

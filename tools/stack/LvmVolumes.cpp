@@ -1,9 +1,8 @@
 #include "LvmVolumes.h"
 
-#include "MdSuperblock.h"
-
-#include <algorithm>
 #include <fmt/format.h>
+#include <optional>
+#include <stdexcept>
 
 namespace {
 
@@ -14,12 +13,12 @@ constexpr uint64_t LARGEST_VOLUME = UINT64_C(1) << 62;
 
 class LvmVolumes::Failure : public std::runtime_error {
   public:
-    enum class Kind { DAMAGED, UNSUPPORTED, LACKS_DEVICE };
-    Failure(Kind kind, const std::string& text) : std::runtime_error(text), m_kind(kind) {}
-    Kind kind() const { return m_kind; }
+    Failure(Problem problem, const std::string& text)
+        : std::runtime_error(text), m_problem(problem) {}
+    Problem problem() const { return m_problem; }
 
   private:
-    Kind m_kind;
+    Problem m_problem;
 };
 
 LvmVolumes::LvmVolumes(const LvmGroupText& text,
@@ -35,7 +34,7 @@ LvmVolumes::LvmVolumes(const LvmGroupText& text,
 uint64_t LvmVolumes::bytes(uint64_t extents) const {
     const uint64_t extentBytes = m_text.extentSectors * SECTOR_BYTES;
     if (extents > LARGEST_VOLUME / extentBytes) {
-        throw Failure(Failure::Kind::DAMAGED, "is larger than any disk");
+        throw Failure(Problem::DAMAGED, "is larger than any disk");
     }
     return extents * extentBytes;
 }
@@ -46,12 +45,13 @@ LvmVolumes::Made LvmVolumes::make(const LvmVolume& volume) {
 
 const LvmVolumes::Made& LvmVolumes::makeEntry(Entry& entry) {
     if (entry.progress == Progress::BEING_MADE) {
-        throw Failure(Failure::Kind::DAMAGED, "lies on itself");
+        throw Failure(Problem::DAMAGED, "lies on itself");
     }
     if (entry.progress == Progress::DONE) {
         return entry.made;
     }
     entry.progress = Progress::BEING_MADE;
+    ++m_depth;
     try {
         uint64_t extents = 0;
         for (const LvmSegment& segment : entry.volume->segments) {
@@ -60,37 +60,30 @@ const LvmVolumes::Made& LvmVolumes::makeEntry(Entry& entry) {
         entry.made.size = bytes(extents);
         entry.made.layer = build(*entry.volume);
     } catch (const Failure& failure) {
-        entry.made.problem = failure.what();
-        entry.made.unsupported = failure.kind() == Failure::Kind::UNSUPPORTED;
-        entry.made.lacksDevice = failure.kind() == Failure::Kind::LACKS_DEVICE;
+        entry.made.reason = failure.what();
+        entry.made.problem = failure.problem();
     }
+    --m_depth;
     entry.progress = Progress::DONE;
     return entry.made;
 }
 
 const Layer* LvmVolumes::build(const LvmVolume& volume) {
     if (!volume.cannotBeRead.empty()) {
-        throw Failure(Failure::Kind::UNSUPPORTED, volume.cannotBeRead);
+        throw Failure(Problem::UNSUPPORTED, volume.cannotBeRead);
     }
-    if (m_depth >= DEEPEST) {
-        throw Failure(Failure::Kind::DAMAGED, "lies on too many others in a row");
+    if (m_depth > DEEPEST) {
+        throw Failure(Problem::DAMAGED, "lies on too many others in a row");
     }
     std::vector<VolumeSegment> segments;
     uint64_t next = 0; // extent
-    ++m_depth;
-    try {
-        for (const LvmSegment& segment : volume.segments) {
-            if (segment.start != next || segment.count == 0) {
-                throw Failure(Failure::Kind::DAMAGED, "has segments with gaps or overlaps");
-            }
-            next += segment.count;
-            segments.push_back(segmentOf(segment));
+    for (const LvmSegment& segment : volume.segments) {
+        if (segment.start != next || segment.count == 0) {
+            throw Failure(Problem::DAMAGED, "has segments with gaps or overlaps");
         }
-    } catch (...) {
-        --m_depth;
-        throw;
+        next += segment.count;
+        segments.push_back(segmentOf(segment));
     }
-    --m_depth;
     return &m_keep(
         std::make_unique<LogicalVolume>(m_namePrefix + volume.name, std::move(segments)));
 }
@@ -105,7 +98,7 @@ VolumeSegment LvmVolumes::segmentOf(const LvmSegment& segment) {
     if (segment.type == "zero") {
         return {bytes(segment.start), bytes(segment.count), 0, {}, {}};
     }
-    throw Failure(Failure::Kind::UNSUPPORTED,
+    throw Failure(Problem::UNSUPPORTED,
                   fmt::format("has a segment of type {}, which is not supported", segment.type));
 }
 
@@ -115,10 +108,14 @@ VolumeSegment LvmVolumes::stripesOf(const LvmSegment& segment) {
         (stripes > 1 &&
          (segment.stripeSize == 0 ||
           m_text.extentSectors * (segment.count / stripes) % segment.stripeSize != 0))) {
-        throw Failure(Failure::Kind::DAMAGED, "has a segment whose stripes make no sense");
+        throw Failure(Problem::DAMAGED, "has a segment whose stripes make no sense");
     }
-    VolumeSegment result{
-        bytes(segment.start), bytes(segment.count), segment.stripeSize * SECTOR_BYTES, {}, {}};
+    const uint64_t length = bytes(segment.count);
+    VolumeSegment result{bytes(segment.start),
+                         length,
+                         stripes == 1 ? length : segment.stripeSize * SECTOR_BYTES,
+                         {},
+                         {}};
     for (const auto& area : segment.areas) {
         result.places.push_back(placeOf(area, segment.count / stripes));
     }
@@ -127,7 +124,8 @@ VolumeSegment LvmVolumes::stripesOf(const LvmSegment& segment) {
 
 // All legs hold the same; the first of those that can be read is taken.
 VolumeSegment LvmVolumes::legsOf(const LvmSegment& segment) {
-    VolumeSegment result{bytes(segment.start), bytes(segment.count), 0, {}, {}};
+    const uint64_t length = bytes(segment.count);
+    VolumeSegment result{bytes(segment.start), length, length, {}, {}};
     std::optional<Failure> failure;
     for (const auto& area : segment.areas) {
         try {
@@ -140,7 +138,7 @@ VolumeSegment LvmVolumes::legsOf(const LvmSegment& segment) {
         }
     }
     if (result.places.empty()) {
-        throw failure.value_or(Failure(Failure::Kind::DAMAGED, "has a mirror without legs"));
+        throw failure.value_or(Failure(Problem::DAMAGED, "has a mirror without legs"));
     }
     return result;
 }
@@ -154,20 +152,17 @@ LayerPlace LvmVolumes::placeOf(const std::pair<std::string, uint64_t>& area, uin
     }
     const auto found = m_entries.find(name);
     if (found == m_entries.end()) {
-        throw Failure(Failure::Kind::DAMAGED,
+        throw Failure(Problem::DAMAGED,
                       fmt::format("has a segment on {}, which there is not", name));
     }
     const Made& below = makeEntry(found->second);
     if (below.layer == nullptr) {
-        throw Failure(below.unsupported   ? Failure::Kind::UNSUPPORTED
-                      : below.lacksDevice ? Failure::Kind::LACKS_DEVICE
-                                          : Failure::Kind::DAMAGED,
-                      fmt::format("lies on {}, which {}", name, below.problem));
+        throw Failure(below.problem, fmt::format("lies on {}, which {}", name, below.reason));
     }
     const uint64_t offset = bytes(extent);
     const uint64_t length = bytes(extents);
     if (offset > below.size || length > below.size - offset) {
-        throw Failure(Failure::Kind::DAMAGED, fmt::format("has a segment outside of {}", name));
+        throw Failure(Problem::DAMAGED, fmt::format("has a segment outside of {}", name));
     }
     return {below.layer, offset};
 }
@@ -175,14 +170,13 @@ LayerPlace LvmVolumes::placeOf(const std::pair<std::string, uint64_t>& area, uin
 LayerPlace LvmVolumes::placeOnDevice(const LvmDevice& device, uint64_t extent,
                                      uint64_t extents) const {
     if (extent > device.count || extents > device.count - extent) {
-        throw Failure(Failure::Kind::DAMAGED,
+        throw Failure(Problem::DAMAGED,
                       fmt::format("has a segment outside of its physical volume {}", device.name));
     }
     const LvmDeviceLayer& found = m_devices.at(device.name);
     if (found.layer == nullptr) {
-        throw Failure(
-            Failure::Kind::LACKS_DEVICE,
-            fmt::format("lies on physical volume {}, which {}", device.name, found.problem));
+        throw Failure(Problem::LACKS_DEVICE, fmt::format("lies on physical volume {}, which {}",
+                                                         device.name, found.problem));
     }
     bytes(device.count); // the end of the device fits as well
     return {found.layer, device.start * SECTOR_BYTES + bytes(extent)};

@@ -25,13 +25,12 @@ class LvmVolumes {
     LvmVolumes(const LvmGroupText& text, const std::map<std::string, LvmDeviceLayer>& devices,
                std::string namePrefix, Keep keep);
 
+    enum class Problem { DAMAGED, UNSUPPORTED, LACKS_DEVICE };
     struct Made {
         const Layer* layer = nullptr;
-        uint64_t size = 0;        // bytes, known for those that cannot be read as well
-        std::string problem;      // why there is no layer, in words that follow the name
-        bool unsupported = false; // it is of a kind that is not read, as against one that lacks
-                                  // something or makes no sense
-        bool lacksDevice = false;
+        uint64_t size = 0;                  // bytes, known for those that cannot be read as well
+        std::string reason;                 // why there is no layer, in words that follow the name
+        Problem problem = Problem::DAMAGED; // then
     };
     // Throws nothing of its own: what is wrong is said in the result.
     Made make(const LvmVolume& volume);

@@ -1,10 +1,7 @@
 #include "MappedLayer.h"
 
-#include "SourceError.h"
-
 #include <algorithm>
 #include <cstring>
-#include <fmt/format.h>
 #include <memory>
 
 namespace {
@@ -93,15 +90,6 @@ void readRun(const LayerRun& run, char* buffer) {
     case RunKind::ZERO:
         std::memset(buffer, 0, length);
         break;
-    }
-}
-
-void MappedLayer::checkRange(uint64_t offset, uint64_t length) const {
-    if (offset > m_size || length > m_size - offset) {
-        throw SourceError(fmt::format("read of {} bytes at offset {}: past the end of {}, which "
-                                      "has {} bytes",
-                                      length, offset, m_name, m_size),
-                          true);
     }
 }
 

@@ -1,36 +1,26 @@
-// What the layers above the disks share: a name, a size, and reading by the runs of `map`.
+// What the layers above the disks share: reading by the runs of `map`.
 #ifndef STACK_MAPPEDLAYER_H
 #define STACK_MAPPEDLAYER_H
 
 #include "Layer.h"
 
-#include <string>
-#include <utility>
 #include <vector>
 
 class MappedLayer : public Layer {
   public:
-    const std::string& name() const override { return m_name; }
-    uint64_t size() const override { return m_size; }
     void read(uint64_t offset, std::size_t length, char* buffer) const override;
     std::size_t send(uint64_t offset, std::size_t length, int target, uint64_t to) const override;
     std::vector<LayerRun> map(uint64_t offset, uint64_t length) const override;
     std::vector<LayerUse> uses(const LayerPlace& place, uint64_t length) const override;
 
   protected:
-    MappedLayer(std::string name, uint64_t size) : m_name(std::move(name)), m_size(size) {}
+    using Layer::Layer;
     // The first run of a range that lies within the layer and is not empty; as long as may be.
     virtual LayerRun firstRun(uint64_t offset, uint64_t length) const = 0;
     // The layers on which this one lies directly, each once.
     virtual std::vector<const Layer*> layersBelow() const = 0;
     // What a range of one of them is to this one.
     virtual std::vector<LayerUse> directUses(const LayerPlace& place, uint64_t length) const = 0;
-
-  private:
-    void checkRange(uint64_t offset, uint64_t length) const;
-
-    std::string m_name;
-    uint64_t m_size; // bytes
 };
 
 // What [`start`, `start + size`) of a layer below and a range of it have in common, `logical`

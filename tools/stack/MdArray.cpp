@@ -59,7 +59,8 @@ uint64_t usedSectors(const MdAssembly& assembly, const MdMember* member) {
 
 MdArray::MdArray(std::string name, const MdAssembly& assembly)
     : MappedLayer(std::move(name), assembly.size), m_level(assembly.newest->superblock.level),
-      m_chunkBytes(assembly.newest->superblock.chunkBytes) {
+      m_chunkBytes(m_level == 1 ? assembly.size : assembly.newest->superblock.chunkBytes),
+      m_dataDisks(assembly.dataDisks) {
     for (const MdMember* member : assembly.byRole) {
         const uint64_t length = usedSectors(assembly, member) * SECTOR_BYTES;
         m_members.push_back(
@@ -169,11 +170,7 @@ std::vector<LayerUse> MdArray::directUses(const LayerPlace& place, uint64_t leng
         ++role;
     }
     const Member& member = m_members[role];
-    const LayerUse all = commonUse(member.start, member.length, place, length, mirrorKind(role, 0));
-    if (m_level == 1) {
-        appendUse(uses, all);
-        return uses;
-    }
+    const LayerUse all = commonUse(member.start, member.length, place, length, UseKind::DATA);
     for (uint64_t done = 0; done < all.length;) {
         const uint64_t offset = all.logical + done;
         const uint64_t step = std::min(all.length - done, m_chunkBytes - offset % m_chunkBytes);
@@ -204,9 +201,7 @@ MdArray::Row MdArray::rowAt(uint64_t height) const {
     if (m_level == 0) {
         return row;
     }
-    const uint64_t members = m_members.size();
-    const uint64_t width = m_level == 10 ? members / 2 : members - (m_level == 6 ? 2 : 1);
-    return {height * width, row.chunks == 0 ? 0 : width};
+    return {height * m_dataDisks, row.chunks == 0 ? 0 : m_dataDisks};
 }
 
 // What bytes within one chunk of a member are, told by where the library puts the row's chunks.

@@ -48,7 +48,8 @@ class MdArray : public MappedLayer {
     LayerRun rebuiltRun(const Location& at) const;
 
     int32_t m_level;
-    uint64_t m_chunkBytes;
+    uint64_t m_chunkBytes; // a mirror is one chunk
+    uint32_t m_dataDisks;
     std::vector<Member> m_members; // by role
     // An object of its own for each array, because the library tells arrays apart by less than
     // their whole UUID. Its operations are not const, though mapping changes nothing.

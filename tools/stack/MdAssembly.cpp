@@ -257,19 +257,25 @@ class Judge {
         return sectors - sectors % (array().chunkBytes / SECTOR_BYTES);
     }
 
-    void measure() {
-        const LevelRule& rule = *ruleOf(array().level);
-        const uint64_t component = array().componentSectors;
-        uint64_t sectors = 0;
-        if (array().level == 0) {
-            sectors = measureStripes();
-        } else if (array().level == 1) {
-            sectors = component;
-        } else if (array().level == 10) {
-            sectors = inChunks(component) * (array().raidDisks / 2);
-        } else {
-            sectors = inChunks(component) * (array().raidDisks - rule.parityDisks);
+    uint32_t dataDisks() const {
+        switch (array().level) {
+        case 1:
+            return 1;
+        case 10:
+            return array().raidDisks / 2;
+        default:
+            return array().raidDisks - ruleOf(array().level)->parityDisks;
         }
+    }
+
+    void measure() {
+        const uint64_t component = array().componentSectors;
+        m_result.dataDisks = dataDisks();
+        const uint64_t sectors =
+            array().level == 0
+                ? measureStripes()
+                : (ruleOf(array().level)->chunked ? inChunks(component) : component) *
+                      m_result.dataDisks;
         m_result.size = sectors * SECTOR_BYTES;
     }
 

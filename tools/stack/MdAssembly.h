@@ -23,6 +23,7 @@ struct MdAssembly {
     std::string reason;                  // unless complete: in words that follow the array's name
     const MdMember* newest = nullptr;    // whose superblock speaks for the array
     std::vector<const MdMember*> byRole; // null for a missing one
+    uint32_t dataDisks = 0;              // whose chunks of one row hold different data
     uint64_t size = 0;                   // bytes of the array; 0 when they cannot be told
     // Members that are not used, and why.
     std::vector<std::pair<const MdMember*, std::string>> unused;

@@ -13,8 +13,6 @@
 #include <string>
 #include <vector>
 
-constexpr uint64_t SECTOR_BYTES = 512;
-
 constexpr uint32_t NO_ROLE = UINT32_MAX;
 
 // What a member is to its array.

@@ -7,10 +7,12 @@
 
 namespace {
 
+constexpr const char* PARTITION = "part"; // a node's type
+
 class PartitionProber : public Prober {
   public:
     bool look(Stack& stack, StackNode& node) override {
-        if (m_made.count(node.layer) != 0) {
+        if (node.type == PARTITION) {
             return false;
         }
         const auto table = readPartitionTable(*node.layer);
@@ -28,7 +30,7 @@ class PartitionProber : public Prober {
   private:
     void add(Stack& stack, StackNode& disk, const PartitionEntry& entry) {
         StackNode node{stack.freeName(fmt::format("{}#{}", disk.name, entry.number)),
-                       "part",
+                       PARTITION,
                        entry.size,
                        NodeState::OK,
                        "",
@@ -45,12 +47,9 @@ class PartitionProber : public Prober {
             }
             node.layer = &stack.keep(
                 std::make_unique<Partition>(node.name, *disk.layer, entry.start, entry.size));
-            m_made.insert(node.layer);
         }
         stack.addNode(std::move(node), {&disk});
     }
-
-    std::set<const Layer*> m_made;
 };
 
 } // namespace

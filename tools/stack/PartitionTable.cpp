@@ -16,7 +16,6 @@
 
 namespace {
 
-constexpr std::size_t SECTOR = 512;
 // Both copies of a GPT with far more entries than the usual 128 lie within.
 constexpr uint64_t EDGE_BYTES = 256 * 1024;
 // libblkid refuses a GPT that reaches past the end, as that of an image cut short does.
@@ -67,35 +66,35 @@ class Sketch {
     // A GPT header may count entries without end, for all of which libblkid takes room. Those past
     // the edges are not here, so such a table could not be verified: the copy is made none.
     void dropEndlessTables() {
-        const uint64_t sectors = m_layer.size() / SECTOR;
+        const uint64_t sectors = m_layer.size() / SECTOR_BYTES;
         for (const uint64_t sector :
              {UINT64_C(1), UINT64_C(8), sectors - 1, sectors / 8 * 8 - 8}) { // 512 or 4096 bytes
             if (sector >= sectors) {
                 continue;
             }
-            const std::array<char, SECTOR> header = copied(sector);
+            const std::array<char, SECTOR_BYTES> header = copied(sector);
             uint32_t shape[2]; // how many entries, and the bytes of each
             std::memcpy(shape, header.data() + 80, sizeof shape);
             constexpr char MAGIC[] = {'E', 'F', 'I', ' ', 'P', 'A', 'R', 'T'};
             if (std::memcmp(header.data(), MAGIC, sizeof MAGIC) == 0 &&
                 uint64_t{shape[0]} * shape[1] > EDGE_BYTES) {
                 constexpr char NONE[sizeof MAGIC] = {};
-                write(sector * SECTOR, NONE, sizeof NONE);
+                write(sector * SECTOR_BYTES, NONE, sizeof NONE);
             }
         }
     }
 
-    std::array<char, SECTOR> copied(uint64_t sector) const {
-        std::array<char, SECTOR> record = {};
+    std::array<char, SECTOR_BYTES> copied(uint64_t sector) const {
+        std::array<char, SECTOR_BYTES> record = {};
         if (::pread(m_file.get(), record.data(), record.size(),
-                    static_cast<off_t>(sector * SECTOR)) < 0) {
+                    static_cast<off_t>(sector * SECTOR_BYTES)) < 0) {
             throw SourceError(std::strerror(errno), false);
         }
         return record;
     }
 
     // The start of the first extended partition in a boot record, in sectors; 0 for none.
-    static uint32_t extendedStart(const std::array<char, SECTOR>& record) {
+    static uint32_t extendedStart(const std::array<char, SECTOR_BYTES>& record) {
         constexpr std::size_t ENTRIES = 446;
         constexpr std::size_t ENTRY_BYTES = 16;
         for (std::size_t at = ENTRIES; at < ENTRIES + 4 * ENTRY_BYTES; at += ENTRY_BYTES) {
@@ -116,8 +115,8 @@ class Sketch {
         uint64_t base = 0;
         uint64_t sector = 0;
         while (seen.insert(sector).second && seen.size() <= LONGEST_CHAIN &&
-               (sector + 1) * SECTOR <= m_layer.size()) {
-            copy(sector * SECTOR, SECTOR);
+               (sector + 1) * SECTOR_BYTES <= m_layer.size()) {
+            copy(sector * SECTOR_BYTES, SECTOR_BYTES);
             const uint32_t next = extendedStart(copied(sector));
             if (next == 0) {
                 return;
@@ -144,10 +143,11 @@ std::optional<PartitionTable> listPartitions(blkid_probe probe) {
         blkid_partition entry = blkid_partlist_get_partition(list, i);
         const auto start = static_cast<uint64_t>(blkid_partition_get_start(entry));
         const auto size = static_cast<uint64_t>(blkid_partition_get_size(entry));
-        if (blkid_partition_is_extended(entry) == 0 && start < LARGER_THAN_ANY_DISK / SECTOR &&
-            size < LARGER_THAN_ANY_DISK / SECTOR) {
+        if (blkid_partition_is_extended(entry) == 0 &&
+            start < LARGER_THAN_ANY_DISK / SECTOR_BYTES &&
+            size < LARGER_THAN_ANY_DISK / SECTOR_BYTES) {
             result.partitions.push_back(
-                {blkid_partition_get_partno(entry), start * SECTOR, size * SECTOR});
+                {blkid_partition_get_partno(entry), start * SECTOR_BYTES, size * SECTOR_BYTES});
         }
     }
     return result;
@@ -172,7 +172,7 @@ std::optional<PartitionTable> probe(int descriptor, uint64_t size, unsigned sect
 } // namespace
 
 std::optional<PartitionTable> readPartitionTable(const Layer& layer) {
-    if (layer.size() < SECTOR) {
+    if (layer.size() < SECTOR_BYTES) {
         return std::nullopt;
     }
     const Sketch sketch(layer);

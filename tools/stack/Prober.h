@@ -5,7 +5,6 @@
 #include "Stack.h"
 
 #include <memory>
-#include <vector>
 
 // How much a group of members must have before it is put together: what is whole comes first,
 // because the members of others may lie on it.
@@ -20,9 +19,6 @@ class Prober {
     // Puts one group of members together that meets the demand; false when there is none.
     virtual bool assemble(Stack& /*stack*/, Demand /*demand*/) { return false; }
 };
-
-// The table of all probers, in the order in which they look.
-std::vector<std::unique_ptr<Prober>> makeProbers();
 
 std::unique_ptr<Prober> makeMdProber();
 std::unique_ptr<Prober> makeLvmProber();

@@ -2,8 +2,8 @@
 
 #include "Prober.h"
 
-#include <algorithm>
 #include <fmt/format.h>
+#include <set>
 
 namespace {
 
@@ -20,8 +20,6 @@ std::string baseName(const std::string& path) {
     return slash == std::string::npos || slash + 1 == path.size() ? path : path.substr(slash + 1);
 }
 
-} // namespace
-
 std::vector<std::unique_ptr<Prober>> makeProbers() {
     std::vector<std::unique_ptr<Prober>> probers;
     for (const auto make : PROBERS) {
@@ -29,6 +27,8 @@ std::vector<std::unique_ptr<Prober>> makeProbers() {
     }
     return probers;
 }
+
+} // namespace
 
 const char* stateName(NodeState state) {
     switch (state) {
@@ -90,7 +90,7 @@ const Layer& Stack::keep(std::unique_ptr<Layer> layer) {
 
 std::string Stack::freeName(const std::string& wanted) const {
     std::string name = wanted;
-    for (int number = 2; m_names.count(name) != 0; ++number) {
+    for (int number = 2; m_byName.count(name) != 0; ++number) {
         name = fmt::format("{}~{}", wanted, number);
     }
     return name;
@@ -100,8 +100,8 @@ StackNode& Stack::addNode(StackNode node, const std::vector<StackNode*>& parents
     if (m_nodes.size() >= MOST_NODES) {
         throw SourceError(fmt::format("the disks hold more than {} parts", MOST_NODES), false);
     }
-    m_names.insert(node.name);
     StackNode& added = m_nodes.emplace_back(std::move(node));
+    m_byName.emplace(added.name, &added);
     added.parents = parents;
     for (StackNode* parent : parents) {
         parent->children.push_back(&added);
@@ -110,10 +110,9 @@ StackNode& Stack::addNode(StackNode node, const std::vector<StackNode*>& parents
 }
 
 const StackNode* Stack::find(const std::string& name) const {
-    const auto found = std::find_if(m_nodes.begin(), m_nodes.end(),
-                                    [&](const StackNode& node) { return node.name == name; });
-    if (found != m_nodes.end()) {
-        return &*found;
+    const auto found = m_byName.find(name);
+    if (found != m_byName.end()) {
+        return found->second;
     }
     const auto disk = m_byPath.find(name);
     return disk == m_byPath.end() ? nullptr : disk->second;

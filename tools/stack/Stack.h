@@ -13,7 +13,6 @@
 #include <deque>
 #include <map>
 #include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -75,7 +74,7 @@ class Stack {
 
     std::vector<std::unique_ptr<Layer>> m_layers;
     std::deque<StackNode> m_nodes; // addresses stay
-    std::set<std::string> m_names;
+    std::map<std::string, const StackNode*> m_byName;
     std::vector<StackNode*> m_disks;
     std::vector<const DiskImage*> m_images;
     std::map<std::string, const StackNode*> m_byPath; // disks
