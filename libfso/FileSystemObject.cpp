@@ -99,13 +99,13 @@ std::uint32_t FileSystemObject::readDir(std::uint64_t index, fso_dir_request* re
 std::uint32_t FileSystemObject::getExtents(std::uint64_t index, std::uint64_t offset,
                                            fso_extent* extents, std::uint32_t capacity,
                                            std::uint32_t* count) {
-    if (m_reader == nullptr) {
-        return FSO_NOT_INITIALISED;
-    }
     if (count == nullptr) {
         return FSO_INVALID;
     }
     *count = 0;
+    if (m_reader == nullptr) {
+        return FSO_NOT_INITIALISED;
+    }
     if (extents == nullptr || capacity == 0) {
         return FSO_INVALID;
     }

@@ -45,21 +45,16 @@ bool isReadable(Volume& volume, const ext2_super_block& super) {
     return unknown == 0;
 }
 
-// For libext2fs' own needs: it asks for inodes when it verifies checksums. Its cache of inodes,
-// which would be made otherwise, brings the process down when memory is short at that moment.
-errcode_t readShortInode(ext2_filsys fs, ext2_ino_t number, ext2_inode* inode) {
-    std::uint64_t offset = 0;
-    if (number == 0 || number > fs->super->s_inodes_count ||
-        ext2fs_group_of_ino(fs, number) >= fs->group_desc_count) {
+// For libext2fs' own needs: it asks for the inode when it verifies the checksum of a block. A read
+// that failed there would make the block pass for damaged; and the cache of inodes that would be
+// made otherwise brings the process down when memory is short at that moment.
+errcode_t giveInodeAtHand(ext2_filsys fs, ext2_ino_t number, ext2_inode* inode) {
+    const ExtInode* known = static_cast<const ExtFileSystem*>(fs->priv_data)->inodeAtHand();
+    if (known == nullptr || known->number() != number) {
         return EXT2_ET_BAD_INODE_NUM;
     }
-    if (const errcode_t error = locateInode(fs, number, offset)) {
-        return error;
-    }
-    auto* volume = static_cast<Volume*>(fs->priv_data);
-    return volume->read(offset, sizeof(*inode), reinterpret_cast<char*>(inode))
-               ? 0
-               : EXT2_ET_SHORT_READ;
+    std::memcpy(inode, known->bytes().data(), sizeof(*inode));
+    return 0;
 }
 
 fso_fs_type typeOf(const ext2_super_block& super) {
@@ -89,9 +84,9 @@ fso_status statusOf(errcode_t error) {
 }
 
 ExtFileSystem::ExtFileSystem(Volume& volume, Handle handle)
-    : m_volume(volume), m_handle(std::move(handle)), m_trustedGroup(NO_GROUP) {
-    m_handle->priv_data = &volume;
-    m_handle->read_inode = readShortInode;
+    : m_volume(volume), m_handle(std::move(handle)), m_checkedGroup(NO_GROUP) {
+    m_handle->priv_data = this;
+    m_handle->read_inode = giveInodeAtHand;
 }
 
 std::unique_ptr<ExtFileSystem> ExtFileSystem::open(Volume& volume) {
@@ -185,13 +180,16 @@ fso_status ExtFileSystem::readInode(std::uint64_t index, ExtInode& inode) {
     }
     const auto number = static_cast<ext2_ino_t>(index);
     const dgrp_t group = ext2fs_group_of_ino(handle(), number);
-    if (group >= handle()->group_desc_count || !isGroupTrusted(group)) {
+    if (group >= handle()->group_desc_count) {
         return FSO_DAMAGED;
     }
-    const std::uint32_t inGroup = (number - 1) % super().s_inodes_per_group;
-    if (ext2fs_has_group_desc_csum(handle()) &&
-        (ext2fs_bg_flags_test(handle(), group, EXT2_BG_INODE_UNINIT) != 0 ||
-         inGroup >= super().s_inodes_per_group - ext2fs_bg_itable_unused(handle(), group))) {
+    // Where inodes have checksums of their own, which cover their number, a damaged descriptor
+    // cannot make one inode pass for another.
+    const bool isSound = isDescriptorSound(group);
+    if (!isSound && !ext2fs_has_feature_metadata_csum(handle()->super)) {
+        return FSO_DAMAGED;
+    }
+    if (isSound && wasNeverUsed(number, group)) {
         return FSO_NOT_FOUND;
     }
     const errcode_t error = inode.read(m_volume, handle(), number);
@@ -213,21 +211,24 @@ bool ExtFileSystem::isPrivate(std::uint32_t number) const {
             number == sb.s_orphan_file_inum);
 }
 
-// Where inodes have checksums of their own, which cover their number, a damaged descriptor cannot
-// make one inode pass for another.
-bool ExtFileSystem::isGroupTrusted(dgrp_t group) {
-    if (group == m_trustedGroup) {
-        return true;
-    }
-    if (ext2fs_has_group_desc_csum(handle()) && !ext2fs_group_desc_csum_verify(handle(), group)) {
-        m_volume.report(FS_LOG_WARNING, "ext: the descriptor of group %u has a wrong checksum",
-                        group);
-        if (!ext2fs_has_feature_metadata_csum(handle()->super)) {
-            return false;
+bool ExtFileSystem::isDescriptorSound(dgrp_t group) {
+    if (group != m_checkedGroup) {
+        m_checkedGroup = group;
+        m_isCheckedSound = !ext2fs_has_group_desc_csum(handle()) ||
+                           ext2fs_group_desc_csum_verify(handle(), group) != 0;
+        if (!m_isCheckedSound) {
+            m_volume.report(FS_LOG_WARNING, "ext: the descriptor of group %u has a wrong checksum",
+                            group);
         }
     }
-    m_trustedGroup = group;
-    return true;
+    return m_isCheckedSound;
+}
+
+bool ExtFileSystem::wasNeverUsed(ext2_ino_t number, dgrp_t group) const {
+    const std::uint32_t inGroup = (number - 1) % super().s_inodes_per_group;
+    return ext2fs_has_group_desc_csum(handle()) &&
+           (ext2fs_bg_flags_test(handle(), group, EXT2_BG_INODE_UNINIT) != 0 ||
+            inGroup >= super().s_inodes_per_group - ext2fs_bg_itable_unused(handle(), group));
 }
 
 void ExtFileSystem::fill(fso_fs_record& record) const {

@@ -36,6 +36,11 @@ class ExtFileSystem {
     // when a checksum says that the inode, or where it lies, cannot be trusted.
     fso_status readInode(std::uint64_t index, ExtInode& inode);
 
+    // The inode whose blocks are looked at next; it must stay where it is until then. Null for
+    // none.
+    void keepAtHand(const ExtInode* inode) { m_inodeAtHand = inode; }
+    const ExtInode* inodeAtHand() const { return m_inodeAtHand; }
+
     void fill(fso_fs_record& record) const;
 
   private:
@@ -52,12 +57,16 @@ class ExtFileSystem {
     }
     bool hasErrors() const { return (super().s_state & EXT2_ERROR_FS) != 0; }
     bool isPrivate(std::uint32_t number) const;
-    bool isGroupTrusted(dgrp_t group);
+    bool isDescriptorSound(dgrp_t group);
+    // Says the group's descriptor.
+    bool wasNeverUsed(ext2_ino_t number, dgrp_t group) const;
     void reportState() const;
 
     Volume& m_volume;
     Handle m_handle;
-    dgrp_t m_trustedGroup; // the last one whose descriptor was checked
+    dgrp_t m_checkedGroup; // the last one whose descriptor was looked at
+    bool m_isCheckedSound = false;
+    const ExtInode* m_inodeAtHand = nullptr;
 };
 
 // The status that a failure of libext2fs comes to.

@@ -31,8 +31,7 @@ std::uint64_t makeDevice(const std::uint32_t* words) {
     return major << 32 | minor;
 }
 
-} // namespace
-
+// Where an inode lies on the volume, in bytes.
 errcode_t locateInode(ext2_filsys fs, ext2_ino_t number, std::uint64_t& offset) {
     const std::uint64_t table = ext2fs_inode_table_loc(fs, ext2fs_group_of_ino(fs, number));
     const std::uint64_t blocks = ext2fs_blocks_count(fs->super);
@@ -44,6 +43,8 @@ errcode_t locateInode(ext2_filsys fs, ext2_ino_t number, std::uint64_t& offset) 
     offset = table * fs->blocksize + inGroup * static_cast<unsigned>(EXT2_INODE_SIZE(fs->super));
     return 0;
 }
+
+} // namespace
 
 errcode_t ExtInode::read(Volume& volume, ext2_filsys fs, ext2_ino_t number) {
     forget();

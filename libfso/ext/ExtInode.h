@@ -11,12 +11,10 @@
 #include <span>
 #include <vector>
 
-// Where an inode lies on the volume, in bytes. The number lies in a group that there is.
-errcode_t locateInode(ext2_filsys fs, ext2_ino_t number, std::uint64_t& offset);
-
 class ExtInode {
   public:
-    // Fails with libext2fs' own codes, a wrong checksum among them.
+    // The number lies in a group that there is. Fails with libext2fs' own codes, a wrong checksum
+    // among them.
     errcode_t read(Volume& volume, ext2_filsys fs, ext2_ino_t number);
     void forget() { m_number = 0; }
 

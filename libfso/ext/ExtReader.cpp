@@ -7,6 +7,9 @@
 
 namespace {
 
+// What no target of a link can be read from.
+constexpr std::uint32_t UNREADABLE = FSO_EXTENT_HOLE | FSO_EXTENT_UNWRITTEN | FSO_EXTENT_ENCODED;
+
 fso_metadata_piece pieceOf(const std::vector<char>& bytes) {
     return {bytes.empty() ? 0 : reinterpret_cast<std::uint64_t>(bytes.data()), bytes.size()};
 }
@@ -39,6 +42,12 @@ void ExtReader::statFs(fso_fs_record& record) const {
 
 // The inode is valid until the next call.
 fso_status ExtReader::inodeFor(std::uint64_t index, const ExtInode** inode) {
+    const fso_status status = findInode(index, inode);
+    m_fs->keepAtHand(status == FSO_OK ? *inode : nullptr);
+    return status;
+}
+
+fso_status ExtReader::findInode(std::uint64_t index, const ExtInode** inode) {
     if (index != 0 && m_recent[m_latest].number() == index) {
         *inode = &m_recent[m_latest];
         return FSO_OK;
@@ -148,9 +157,9 @@ fso_status ExtReader::readAttributeBlock(const ExtInode& inode, std::vector<char
         if (const fso_status status = m_fs->readBlock(block, bytes.data())) {
             return status;
         }
-        if (ext2fs_ext_attr_block_csum_verify(
-                m_fs->handle(), inode.number(), block,
-                reinterpret_cast<ext2_ext_attr_header*>(bytes.data())) != 0) {
+        auto* header = reinterpret_cast<ext2_ext_attr_header*>(bytes.data());
+        if (header->h_magic == EXT2_EXT_ATTR_MAGIC &&
+            ext2fs_ext_attr_block_csum_verify(m_fs->handle(), inode.number(), block, header) != 0) {
             return FSO_OK;
         }
         bytes.clear();
@@ -172,7 +181,7 @@ fso_status ExtReader::readLinkTarget(const ExtInode& inode, std::vector<char>& t
         if (status == FSO_IO) {
             return FSO_IO;
         }
-        if (status != FSO_OK || (run.flags & (FSO_EXTENT_HOLE | FSO_EXTENT_UNWRITTEN)) != 0) {
+        if (status != FSO_OK || (run.flags & UNREADABLE) != 0) {
             break;
         }
         const std::size_t before = target.size();

@@ -44,6 +44,7 @@ class ExtReader final : public Reader {
     };
 
     fso_status inodeFor(std::uint64_t index, const ExtInode** inode);
+    fso_status findInode(std::uint64_t index, const ExtInode** inode);
     fso_status readAttributeBlock(const ExtInode& inode, std::vector<char>& bytes);
     fso_status readLinkTarget(const ExtInode& inode, std::vector<char>& target);
 
