@@ -1,5 +1,7 @@
+#include "DiskRuns.h"
 #include "ExtentCursor.h"
 #include "Json.h"
+#include "Messages.h"
 #include "Path.h"
 #include "PhysicalMap.h"
 #include "RunFlags.h"
@@ -72,8 +74,8 @@ class TablePrinter {
         m_output.pace();
     }
     void end() {
-        fmt::format_to(std::back_inserter(m_output.buffer()), "{} extent{}, {}\n", m_runs,
-                       m_runs == 1 ? "" : "s", humanSize(m_bytes));
+        fmt::format_to(std::back_inserter(m_output.buffer()), "{}, {}\n",
+                       countText(m_runs, "extent", "extents"), humanSize(m_bytes));
     }
 
   private:
@@ -153,9 +155,9 @@ class PhysicalTablePrinter {
 
     void begin(const FoundFile& found) {
         uint64_t largest = found.file.attributes().size;
-        const PhysicalMap map = makePhysicalMap(m_session);
-        for (const PhysicalDisk& disk : map.disks()) {
-            largest = std::max(largest, disk.size);
+        const PhysicalMap map(m_session.volume.source(), m_session.stack);
+        for (const Layer* disk : map.disks()) {
+            largest = std::max(largest, disk->size());
         }
         m_width = columnWidth(largest);
         fmt::format_to(std::back_inserter(m_session.output.buffer()),
@@ -213,8 +215,7 @@ void printExtents(Printer printer, FoundFile& found) {
             }
         }
     } catch (const ToolError& error) {
-        failure =
-            ToolError(error.status(), fmt::format("{}: {}", printable(found.path), error.what()));
+        failure = about(found.path, error);
     }
     printer.end();
     if (failure) {

@@ -1,5 +1,6 @@
 #include "FileSystemText.h"
 #include "FileVisit.h"
+#include "Json.h"
 #include "ResultFile.h"
 #include "Session.h"
 #include "Signals.h"
@@ -41,8 +42,8 @@ PictureHeading headingOf(Session& session) {
 void printSummary(Session& session, const VolumePicture& picture, std::size_t failures) {
     const PictureTotals& totals = picture.totals();
     nlohmann::ordered_json result;
-    result["volume"] = toUtf8(session.options.volume);
-    result["output"] = toUtf8(session.options.output);
+    putName(result, "volume", session.options.volume);
+    putName(result, "output", session.options.output);
     result["files"] = totals.files;
     result["directories"] = totals.directories;
     result["file_bytes"] = totals.fileBytes;
@@ -54,13 +55,13 @@ void printSummary(Session& session, const VolumePicture& picture, std::size_t fa
     result["failed"] = failures;
     auto& shown = result["shown"] = nlohmann::ordered_json::array();
     for (const ShownFile& file : picture.shown()) {
-        shown.push_back({{"path", toUtf8(file.path)},
-                         {"files", file.files},
-                         {"bytes", file.bytes},
-                         {"fragments", file.fragments}});
+        nlohmann::ordered_json& entry = shown.emplace_back();
+        putName(entry, "path", file.path);
+        entry["files"] = file.files;
+        entry["bytes"] = file.bytes;
+        entry["fragments"] = file.fragments;
     }
-    append(session.output.buffer(), result.dump());
-    session.output.buffer().push_back('\n');
+    appendLine(session.output.buffer(), result);
 }
 
 void writePicture(Session& session, const TextBuffer& svg) {
@@ -79,7 +80,7 @@ void writePicture(Session& session, const TextBuffer& svg) {
 } // namespace
 
 ExitStatus runMap(Session& session) {
-    const PhysicalMap map = makePhysicalMap(session);
+    const PhysicalMap map(session.volume.source(), session.stack);
     VolumePicture picture(session.volume, map, shownPaths(session));
     Failures failures(session.options.volume, Failures::When::AT_ONCE);
     visitEveryFile(session.volume, "map", failures,

@@ -1,31 +1,30 @@
 #include "PhysicalMap.h"
 
-#include "ExitStatus.h"
-#include "Session.h"
-#include "SourceError.h"
+#include "DiskRuns.h"
 #include "Stack.h"
+#include "Volume.h"
 
 #include <algorithm>
 
-PhysicalMap::PhysicalMap(const Layer& volume, const Stack* stack)
-    : m_volume(volume), m_identity(volume.map(0, 1).empty()) {
-    const auto addDisk = [&](const Layer& disk) {
-        m_disks.push_back({&disk, disk.name(), disk.size()});
-    };
+PhysicalMap::PhysicalMap(const Layer& volume, const Stack* stack) : m_volume(volume) {
+    const bool isDisk = volume.map(0, 1).empty();
     if (stack != nullptr) {
         for (const StackNode* disk : stack->disks()) {
-            addDisk(*disk->layer);
+            m_disks.push_back(disk->layer);
         }
-    } else if (m_identity) {
-        addDisk(volume);
+    } else if (isDisk) {
+        m_disks.push_back(&volume);
     } else {
-        addDisk(*mapToDisks(volume, 0, 1).front().run.places.front().layer);
+        m_disks.push_back(mapToDisks(volume, 0, 1).front().run.places.front().layer);
+    }
+    if (isDisk) {
+        m_ownDisk = indexOf(&volume);
     }
 }
 
 void PhysicalMap::append(uint64_t offset, uint64_t length, std::vector<PhysicalRun>& runs) const {
-    if (m_identity) {
-        runs.push_back({offset, length, indexOf(&m_volume), offset, false, false});
+    if (m_ownDisk) {
+        runs.push_back({offset, length, *m_ownDisk, offset, false, false});
         return;
     }
     try {
@@ -45,14 +44,9 @@ void PhysicalMap::append(uint64_t offset, uint64_t length, std::vector<PhysicalR
 }
 
 std::size_t PhysicalMap::indexOf(const Layer* disk) const {
-    const auto found = std::find_if(m_disks.begin(), m_disks.end(),
-                                    [&](const PhysicalDisk& known) { return known.layer == disk; });
+    const auto found = std::find(m_disks.begin(), m_disks.end(), disk);
     if (found == m_disks.end()) {
         throw ToolError(ExitStatus::FAILED, "lies on a disk that was not given");
     }
     return static_cast<std::size_t>(found - m_disks.begin());
-}
-
-PhysicalMap makePhysicalMap(const Session& session) {
-    return {session.volume.source(), session.stack};
 }

@@ -6,10 +6,9 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
+#include <optional>
 #include <vector>
 
-struct Session;
 class Stack;
 
 // Bytes that lie together on one disk.
@@ -23,19 +22,13 @@ struct PhysicalRun {
     bool copy; // of a mirror; another run with the same bytes is read
 };
 
-struct PhysicalDisk {
-    const Layer* layer;
-    std::string name;
-    uint64_t size; // bytes
-};
-
 class PhysicalMap {
   public:
     // `stack` is null for a volume that was not found on a stack. Both must outlive the map.
     PhysicalMap(const Layer& volume, const Stack* stack);
 
     // All disks of the stack, or the one that the volume lies on.
-    const std::vector<PhysicalDisk>& disks() const { return m_disks; }
+    const std::vector<const Layer*>& disks() const { return m_disks; }
     // Appends the runs of a range of the volume, in the volume's order. What lies on no disk has
     // no run. Throws ToolError for a range that cannot be mapped.
     void append(uint64_t offset, uint64_t length, std::vector<PhysicalRun>& runs) const;
@@ -53,8 +46,8 @@ class PhysicalMap {
             done += piece;
         }
     }
-    // Whether volume and disk are the same thing.
-    bool isIdentity() const { return m_identity; }
+    // The disk that the volume is, if it is one.
+    std::optional<std::size_t> ownDisk() const { return m_ownDisk; }
 
   private:
     // An array answers with a run for every chunk.
@@ -63,10 +56,8 @@ class PhysicalMap {
     std::size_t indexOf(const Layer* disk) const;
 
     const Layer& m_volume;
-    bool m_identity;
-    std::vector<PhysicalDisk> m_disks;
+    std::vector<const Layer*> m_disks;
+    std::optional<std::size_t> m_ownDisk;
 };
-
-PhysicalMap makePhysicalMap(const Session& session);
 
 #endif

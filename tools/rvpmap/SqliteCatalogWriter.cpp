@@ -47,6 +47,10 @@ CREATE INDEX disk_run_by_offset ON disk_run (disk, offset);
 COMMIT;
 )sql";
 
+uint64_t diskId(std::size_t index) {
+    return index + 1;
+}
+
 uint64_t bit(uint64_t word, uint64_t mask) {
     return (word & mask) != 0 ? 1 : 0;
 }
@@ -56,7 +60,7 @@ class SqliteCatalogWriter : public CatalogWriter {
     explicit SqliteCatalogWriter(Session& session)
         : m_session(session), m_result(session.options.output, AtomicFile::Until::NAMED),
           m_database(m_result.temporaryPath(), session.options.output, signalCame),
-          m_map(makePhysicalMap(session)) {}
+          m_map(session.volume.source(), session.stack) {}
 
     void begin() override {
         m_database.execute(TABLES);
@@ -69,8 +73,7 @@ class SqliteCatalogWriter : public CatalogWriter {
         checkSignals();
         m_fileIndex = file.index();
         // Runs belong to the file, however many paths it has.
-        m_extentsWanted = file.attributes().linkCount <= 1 || file.typeBits() == S_IFDIR ||
-                          m_linked.insert(file.index());
+        m_extentsWanted = !file.hasSeveralPaths() || m_linked.insert(file.index());
         insertFile(path, file, target);
     }
 
@@ -113,8 +116,8 @@ class SqliteCatalogWriter : public CatalogWriter {
     // A long statement ends with a failure after a signal, which is then the real reason.
     void finishTables() {
         try {
-            if (m_map.isIdentity()) {
-                copyExtentsAsDiskRuns();
+            if (m_map.ownDisk()) {
+                copyExtentsAsDiskRuns(diskId(*m_map.ownDisk()));
             }
             m_database.execute(INDICES);
         } catch (const ToolError&) {
@@ -125,11 +128,10 @@ class SqliteCatalogWriter : public CatalogWriter {
 
     void insertDisks() {
         SqliteInserter& row = m_tables->disk;
-        uint64_t number = 0;
-        for (const PhysicalDisk& disk : m_map.disks()) {
-            row.put(++number);
-            row.put(std::string_view(toUtf8(disk.name)));
-            row.put(disk.size);
+        for (std::size_t disk = 0; disk < m_map.disks().size(); ++disk) {
+            row.put(diskId(disk));
+            row.put(std::string_view(toUtf8(m_map.disks()[disk]->name())));
+            row.put(m_map.disks()[disk]->size());
             row.endRow();
         }
     }
@@ -215,15 +217,15 @@ class SqliteCatalogWriter : public CatalogWriter {
             row.put(bit(run.flags, flag));
         }
         row.endRow();
-        if (!m_map.isIdentity()) {
+        if (!m_map.ownDisk()) {
             insertDiskRuns(run);
         }
     }
 
     // Where volume and disk are the same, all at once is much faster than run by run.
-    void copyExtentsAsDiskRuns() {
-        m_database.execute(
-            "INSERT INTO disk_run SELECT id,logical,1,physical,length,0,0 FROM extent");
+    void copyExtentsAsDiskRuns(uint64_t disk) {
+        m_database.execute(fmt::format(
+            "INSERT INTO disk_run SELECT id,logical,{},physical,length,0,0 FROM extent", disk));
     }
 
     void insertDiskRuns(const Run& run) {
@@ -233,7 +235,7 @@ class SqliteCatalogWriter : public CatalogWriter {
         for (const PhysicalRun& piece : m_runs) {
             row.put(m_extent);
             row.put(run.logical + (piece.logical - run.physical));
-            row.put(uint64_t{piece.disk + 1});
+            row.put(diskId(piece.disk));
             row.put(piece.offset);
             row.put(piece.length);
             row.put(uint64_t{piece.rebuilt});

@@ -100,10 +100,6 @@ std::string shareText(uint64_t part, uint64_t whole) {
     return share > 0 && share < 0.1 ? "&lt;0.1 %" : fmt::format("{:.1f} %", share);
 }
 
-std::string countText(uint64_t count, std::string_view one, std::string_view many) {
-    return fmt::format("{} {}", count, count == 1 ? one : many);
-}
-
 // Long paths lose their middle, between whole characters.
 std::string shortened(const std::string& path) {
     constexpr std::size_t MOST = 64;
@@ -222,14 +218,14 @@ class Drawing {
     }
 
     void drawDisk(std::size_t disk) {
-        const PhysicalDisk& shown = m_picture.disks()[disk];
+        const Layer& shown = *m_picture.disks()[disk];
         if (!holdsVolume(m_picture.cells(disk))) {
             return;
         }
         if (m_picture.disks().size() > 1) {
-            text(
-                GRID_LEFT, m_y + 6, "plain",
-                fmt::format("{} \u00b7 {}", xmlText(shortened(shown.name)), bytesText(shown.size)));
+            text(GRID_LEFT, m_y + 6, "plain",
+                 fmt::format("{} \u00b7 {}", xmlText(shortened(shown.name())),
+                             bytesText(shown.size())));
             m_y += 16;
         }
         const std::vector<PictureCell>& cells = m_picture.cells(disk);

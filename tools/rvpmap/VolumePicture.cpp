@@ -8,10 +8,6 @@
 
 namespace {
 
-bool hasSeveralPaths(const File& file) {
-    return file.typeBits() != S_IFDIR && file.attributes().linkCount > 1;
-}
-
 // A volume that is cut short has fewer than it says.
 uint64_t presentBlocks(const Volume& volume, uint64_t blockSize) {
     const uint64_t held = volume.source().size() / blockSize;
@@ -48,14 +44,14 @@ void VolumePicture::makeBitmap() {
 // offsets.
 void VolumePicture::layOutCells() {
     uint64_t largest = 1;
-    for (const PhysicalDisk& disk : disks()) {
-        largest = std::max(largest, disk.size);
+    for (const Layer* disk : disks()) {
+        largest = std::max(largest, disk->size());
     }
     const std::size_t rows = std::max<std::size_t>(MOST_ROWS / disks().size(), 2);
     const uint64_t cells = COLUMNS * rows;
     m_cellBytes = std::max(std::bit_ceil((largest + cells - 1) / cells), uint64_t{512});
-    for (const PhysicalDisk& disk : disks()) {
-        m_cells.emplace_back((disk.size + m_cellBytes - 1) / m_cellBytes);
+    for (const Layer* disk : disks()) {
+        m_cells.emplace_back((disk->size() + m_cellBytes - 1) / m_cellBytes);
     }
 }
 
@@ -67,11 +63,11 @@ void VolumePicture::addVolumeArea() {
 void VolumePicture::add(const std::string& path, File& file) {
     const bool directory = file.typeBits() == S_IFDIR;
     int shown = shownIndex(path);
-    if (shown >= 0 && hasSeveralPaths(file) &&
+    if (shown >= 0 && file.hasSeveralPaths() &&
         !m_shownLinked[static_cast<std::size_t>(shown)].insert(file.index())) {
         shown = -1;
     }
-    const bool anew = !hasSeveralPaths(file) || m_linked.insert(file.index());
+    const bool anew = !file.hasSeveralPaths() || m_linked.insert(file.index());
     if (!anew && shown < 0) {
         return;
     }

@@ -59,7 +59,7 @@ class VolumePicture {
     void finish();
 
     uint64_t cellBytes() const { return m_cellBytes; }
-    const std::vector<PhysicalDisk>& disks() const { return m_map.disks(); }
+    const std::vector<const Layer*>& disks() const { return m_map.disks(); }
     const std::vector<PictureCell>& cells(std::size_t disk) const { return m_cells[disk]; }
     const std::vector<ShownFile>& shown() const { return m_shown; }
     const PictureTotals& totals() const { return m_totals; }
