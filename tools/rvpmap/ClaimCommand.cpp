@@ -1,5 +1,5 @@
+#include "Json.h"
 #include "Session.h"
-#include "Text.h"
 
 #include <nlohmann/json.hpp>
 
@@ -9,12 +9,12 @@ ExitStatus runClaim(Session& session) {
     TextBuffer& out = session.output.buffer();
     if (session.options.json) {
         nlohmann::ordered_json result;
-        result["volume"] = toUtf8(session.options.volume);
+        putName(result, "volume", session.options.volume);
         result["claim"] = answer;
-        append(out, result.dump());
+        appendLine(out, result);
     } else {
         append(out, answer);
+        out.push_back('\n');
     }
-    out.push_back('\n');
     return claimed ? ExitStatus::DONE : ExitStatus::NOT_FOUND;
 }

@@ -1,8 +1,10 @@
 // The extraction of one file; a tree is TreeRestorer's work.
-#include "AtomicFile.h"
 #include "Content.h"
 #include "FileTime.h"
+#include "Json.h"
+#include "Messages.h"
 #include "Path.h"
+#include "ResultFile.h"
 #include "Session.h"
 #include "Signals.h"
 #include "Text.h"
@@ -12,7 +14,6 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
 #include <system_error>
@@ -52,27 +53,19 @@ void extractToDevice(File& file, const std::string& output, Progress& progress) 
 }
 
 void extractToFile(File& file, const std::string& output, Progress& progress) {
-    const std::filesystem::path path(output);
-    const std::string folder = path.has_parent_path() ? path.parent_path().string() : ".";
+    const kmp_file& attributes = file.attributes();
+    ResultFile target(output, AtomicFile::Until::NAMELESS);
     try {
-        UniqueFd directory(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        if (!directory.valid()) {
-            throw cannotWrite(output, errno);
-        }
-        AtomicFile target(directory.get(), path.filename().string());
         copyToFile(file, target.descriptor(), progress);
-        const kmp_file& attributes = file.attributes();
-        const timespec times[] = {toTimespec(attributes.accessTime),
-                                  toTimespec(attributes.modifyTime)};
-        if (::fchmod(target.descriptor(), static_cast<mode_t>(attributes.mode & 0777)) != 0 ||
-            ::futimens(target.descriptor(), times) != 0) {
-            throw cannotWrite(output, errno);
-        }
-        checkSignals();
-        target.commit(AtomicFile::Existing::REPLACE);
     } catch (const std::system_error& error) {
         throw cannotWrite(output, error.code().value());
     }
+    const timespec times[] = {toTimespec(attributes.accessTime), toTimespec(attributes.modifyTime)};
+    if (::futimens(target.descriptor(), times) != 0) {
+        throw cannotWrite(output, errno);
+    }
+    checkSignals();
+    target.commit(static_cast<mode_t>(attributes.mode & 0777));
 }
 
 void extractOne(FoundFile& found, const std::string& output) {
@@ -97,12 +90,11 @@ void printSummary(Session& session, const std::string& path, uint64_t restored, 
         return;
     }
     nlohmann::ordered_json result;
-    result["path"] = toUtf8(path);
-    result["output"] = toUtf8(output);
+    putName(result, "path", path);
+    putName(result, "output", output);
     result["restored"] = restored;
     result["failed"] = failed;
-    append(session.output.buffer(), result.dump());
-    session.output.buffer().push_back('\n');
+    appendLine(session.output.buffer(), result);
 }
 
 ExitStatus extractTree(Session& session, FoundFile& found) {
@@ -125,7 +117,7 @@ ExitStatus runExtract(Session& session) {
     try {
         extractOne(found, session.options.output);
     } catch (const ToolError& error) {
-        throw ToolError(error.status(), fmt::format("{}: {}", printable(found.path), error.what()));
+        throw about(found.path, error);
     }
     printSummary(session, found.path, 1, 0);
     return ExitStatus::DONE;

@@ -34,6 +34,11 @@ uint32_t File::typeBits() const {
     return static_cast<uint32_t>(m_attributes.mode) & S_IFMT;
 }
 
+// A directory's links are its own entries.
+bool File::hasSeveralPaths() const {
+    return typeBits() != S_IFDIR && m_attributes.linkCount > 1;
+}
+
 std::string File::linkTarget() {
     kmp_extfile metadata = {};
     m_volume->check(m_volume->call(m_volume->provider().objctl, m_object,

@@ -25,6 +25,7 @@ class File {
     kmp_obj* object() const { return m_object; }
     const kmp_file& attributes() const { return m_attributes; }
     uint32_t typeBits() const;
+    bool hasSeveralPaths() const;
     // The target of a symbolic link. Throws ToolError.
     std::string linkTarget();
 

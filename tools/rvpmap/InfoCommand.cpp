@@ -1,4 +1,5 @@
 #include "FileSystemText.h"
+#include "Json.h"
 #include "Session.h"
 #include "Text.h"
 
@@ -8,21 +9,17 @@
 
 namespace {
 
-std::string jsonText(Session& session) {
+nlohmann::ordered_json document(Session& session) {
     Volume& volume = session.volume;
-    const std::string label = volume.label();
     nlohmann::ordered_json result;
-    result["volume"] = toUtf8(session.options.volume);
-    result["name"] = toUtf8(label);
-    if (!isUtf8(label)) {
-        result["name_hex"] = toHex(label);
-    }
+    putName(result, "volume", session.options.volume);
+    putName(result, "name", volume.label());
     result["uuid"] = uuidText(volume.uuid());
     result["block_size"] = volume.statistics().blockSize;
     result["block_count"] = volume.statistics().blockCount;
     result["root_index"] = volume.rootIndex();
     result["filesystem"] = fileSystemName(volume.statistics().type);
-    return result.dump();
+    return result;
 }
 
 std::string sizeText(uint64_t blocks, uint64_t blockSize) {
@@ -48,8 +45,7 @@ std::string stateText(uint64_t state) {
 ExitStatus runInfo(Session& session) {
     TextBuffer& out = session.output.buffer();
     if (session.options.json) {
-        append(out, jsonText(session));
-        out.push_back('\n');
+        appendLine(out, document(session));
         return ExitStatus::DONE;
     }
     Volume& volume = session.volume;

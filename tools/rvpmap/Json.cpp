@@ -4,6 +4,8 @@
 #include "RunFlags.h"
 #include "Text.h"
 
+#include <nlohmann/json.hpp>
+
 namespace {
 
 // Characters that need no second look: ASCII but controls, quotes and backslashes.
@@ -140,4 +142,16 @@ void appendJsonExtent(TextBuffer& out, const Run& run, bool first) {
     append(out, ",\"flags\":");
     appendJsonFlags(out, run.flags);
     out.push_back('}');
+}
+
+void putName(nlohmann::ordered_json& object, const char* key, std::string_view text) {
+    object[key] = toUtf8(text);
+    if (!isUtf8(text)) {
+        object[fmt::format("{}_hex", key)] = toHex(text);
+    }
+}
+
+void appendLine(TextBuffer& out, const nlohmann::ordered_json& document) {
+    append(out, document.dump());
+    out.push_back('\n');
 }

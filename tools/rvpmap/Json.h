@@ -6,6 +6,7 @@
 #include "ExtentCursor.h"
 #include "Output.h"
 
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 
@@ -25,5 +26,9 @@ void appendJsonEntry(TextBuffer& out, std::string_view name, const std::string& 
 void appendJsonFlags(TextBuffer& out, uint32_t flags);
 // One extent object; `first` says whether a comma must come before it.
 void appendJsonExtent(TextBuffer& out, const Run& run, bool first);
+
+// For results that are no stream: the text, and "key_hex" as above; and the whole as one line.
+void putName(nlohmann::ordered_json& object, const char* key, std::string_view text);
+void appendLine(TextBuffer& out, const nlohmann::ordered_json& document);
 
 #endif

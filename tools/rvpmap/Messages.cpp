@@ -14,6 +14,10 @@ void printMessage(std::string_view subject, std::string_view text) {
     fmt::print(stderr, "rvpmap: {}: {}\n", printable(subject), text);
 }
 
+ToolError about(std::string_view path, const ToolError& error) {
+    return {error.status(), fmt::format("{}: {}", printable(path), error.what())};
+}
+
 void printState(const Volume& volume) {
     const uint64_t state = volume.statistics().state;
     if ((state & FSO_FS_NEEDS_RECOVERY) != 0) {

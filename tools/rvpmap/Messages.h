@@ -8,10 +8,14 @@
 #include <utility>
 #include <vector>
 
+class ToolError;
 class Volume;
 
 // `subject` is shown escaped; `text` is printed as it is.
 void printMessage(std::string_view subject, std::string_view text);
+
+// The same failure, told of a path on the volume.
+ToolError about(std::string_view path, const ToolError& error);
 
 // Tells of an open volume whose file system is not at rest.
 void printState(const Volume& volume);

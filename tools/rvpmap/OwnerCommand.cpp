@@ -94,7 +94,7 @@ class NodeOwners {
 
     std::vector<LayerUse> usesOfRanges(const Layer& layer) const {
         std::vector<LayerUse> uses;
-        for (const ByteRange& range : m_finder.ranges().ranges()) {
+        for (const ByteRange& range : m_finder.ranges()) {
             for (const LayerUse& use :
                  layer.uses({m_ground.layer, range.begin}, range.end - range.begin)) {
                 uses.push_back(use);
@@ -167,8 +167,7 @@ ExitStatus runOwner(Session& session) {
     visitEveryFile(session.volume, "owner", failures,
                    [&](const std::string& path, File& file) { finder.add(path, file); });
     finder.finish();
-    printOwners(session.output, session.table, session.options.json, finder, ranges,
-                Ground::VOLUME);
+    printOwners(session.output, session.table, session.options.json, finder, ranges);
     return failures.count() == 0 ? ExitStatus::DONE : ExitStatus::FAILED;
 }
 
@@ -178,7 +177,7 @@ ExitStatus runNodeOwner(const Options& options, const Stack& stack, const StackN
     NodeOwners owners(options, stack, ground, ranges);
     const OwnerFinder& finder = owners.find();
     Output output;
-    printOwners(output, table, options.json, finder, ranges, Ground::STACK);
+    printOwners(output, table, options.json, finder, ranges);
     output.flush();
     return owners.failed() ? ExitStatus::FAILED : ExitStatus::DONE;
 }

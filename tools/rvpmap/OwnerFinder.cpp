@@ -4,7 +4,7 @@
 
 void OwnerFinder::beginVolume(uint64_t fileSystemBytes) {
     std::vector<LayerUse> uses;
-    for (const ByteRange& range : m_ranges.ranges()) {
+    for (const ByteRange& range : m_ranges) {
         uses.push_back({range.begin, range.end - range.begin, UseKind::DATA, range.begin});
     }
     beginVolume("", uses, fileSystemBytes);
@@ -56,15 +56,18 @@ void OwnerFinder::addArea(std::size_t rank, const OwnedArea& area) {
 }
 
 void OwnerFinder::add(const std::string& path, File& file) {
-    m_path = &path;
-    m_file = &file;
-    m_fileKept = false;
+    bool isKept = false;
     ExtentCursor cursor(file);
     while (const Run* run = cursor.next()) {
         if (!run->isHole()) {
             const uint64_t end = run->physical + std::min(run->length, UINT64_MAX - run->physical);
             m_uses.forEachIn({run->physical, end},
                              [&](const VolumeUse& use, const ByteRange& common) {
+                                 if (!isKept) {
+                                     m_files.push_back({m_volume, path, file.index(),
+                                                        file.typeBits(), file.attributes().size});
+                                     isKept = true;
+                                 }
                                  addPiece(*run, use, common);
                              });
         }
@@ -72,11 +75,6 @@ void OwnerFinder::add(const std::string& path, File& file) {
 }
 
 void OwnerFinder::addPiece(const Run& run, const VolumeUse& use, const ByteRange& common) {
-    if (!m_fileKept) {
-        m_files.push_back(
-            {m_volume, *m_path, m_file->index(), m_file->typeBits(), m_file->attributes().size});
-        m_fileKept = true;
-    }
     const uint64_t begin = use.offset + (common.begin - use.range.begin);
     m_pieces.add({{begin, begin + (common.end - common.begin)},
                   m_files.size() - 1,

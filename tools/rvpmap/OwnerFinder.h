@@ -53,9 +53,10 @@ struct AreaHolder {
 
 class OwnerFinder {
   public:
-    explicit OwnerFinder(const std::vector<ByteRange>& ranges) : m_ranges(ranges) {}
+    explicit OwnerFinder(const std::vector<ByteRange>& ranges) : m_ranges(united(ranges)) {}
 
-    const RangeUnion& ranges() const { return m_ranges; }
+    // All that were asked for, united.
+    const std::vector<ByteRange>& ranges() const { return m_ranges; }
     // What follows is on this volume, whose own offsets the ranges are.
     void beginVolume(uint64_t fileSystemBytes);
     // What follows is on a volume that the ranges are used for. The file system is 0 bytes long
@@ -104,9 +105,10 @@ class OwnerFinder {
     };
 
     void addArea(std::size_t rank, const OwnedArea& area);
+    // Of the file that was kept last.
     void addPiece(const Run& run, const VolumeUse& use, const ByteRange& common);
 
-    RangeUnion m_ranges;
+    std::vector<ByteRange> m_ranges;
     std::vector<AreaHolder> m_holders;
     std::vector<OwningFile> m_files;
     RangeIndex<OwnedPiece> m_pieces;
@@ -114,10 +116,6 @@ class OwnerFinder {
     // Of the volume at hand.
     std::string m_volume;
     RangeIndex<VolumeUse> m_uses;
-    // Of the file at hand.
-    const std::string* m_path = nullptr;
-    const File* m_file = nullptr;
-    bool m_fileKept = false;
 };
 
 #endif

@@ -119,8 +119,9 @@ class TablePrinter : public OwnerPrinter {
         m_elsewhere += range.end - range.begin;
     }
     void end(std::size_t files) override {
-        fmt::format_to(std::back_inserter(m_output.buffer()), "{}B in {} file{}, {}B in no file\n",
-                       humanSize(m_inFiles), files, files == 1 ? "" : "s", humanSize(m_elsewhere));
+        fmt::format_to(std::back_inserter(m_output.buffer()), "{}B in {}, {}B in no file\n",
+                       humanSize(m_inFiles), countText(files, "file", "files"),
+                       humanSize(m_elsewhere));
     }
 
   private:
@@ -168,11 +169,8 @@ class GapFinder {
 
 class OwnerReport {
   public:
-    OwnerReport(OwnerPrinter& printer, const OwnerFinder& finder, Ground ground)
-        : m_printer(printer),
-          m_finder(finder), m_nothing{"outside", ground == Ground::STACK
-                                                     ? "behind the end"
-                                                     : "behind the end of the file system"} {}
+    OwnerReport(OwnerPrinter& printer, const OwnerFinder& finder)
+        : m_printer(printer), m_finder(finder) {}
 
     void print(const ByteRange& range) {
         GapFinder gaps(range);
@@ -187,7 +185,7 @@ class OwnerReport {
   private:
     void printUnowned(std::size_t rank, const ByteRange& range) {
         if (rank == m_finder.ranks()) {
-            m_printer.print(range, m_nothing, "");
+            m_printer.print(range, {"outside", "behind the end"}, "");
             return;
         }
         GapFinder gaps(range);
@@ -202,13 +200,12 @@ class OwnerReport {
 
     OwnerPrinter& m_printer;
     const OwnerFinder& m_finder;
-    OtherOwner m_nothing;
 };
 
 } // namespace
 
 void printOwners(Output& output, const Table& table, bool json, const OwnerFinder& finder,
-                 const std::vector<ByteRange>& ranges, Ground ground) {
+                 const std::vector<ByteRange>& ranges) {
     std::unique_ptr<OwnerPrinter> printer;
     if (json) {
         printer = std::make_unique<JsonPrinter>(output);
@@ -216,7 +213,7 @@ void printOwners(Output& output, const Table& table, bool json, const OwnerFinde
         printer = std::make_unique<TablePrinter>(output, table);
     }
     printer->begin();
-    OwnerReport report(*printer, finder, ground);
+    OwnerReport report(*printer, finder);
     for (const ByteRange& range : ranges) {
         report.print(range);
     }

@@ -7,11 +7,8 @@
 #include "OwnerFinder.h"
 #include "Table.h"
 
-// Where the ranges were asked: on one volume, or on what others lie on.
-enum class Ground { VOLUME, STACK };
-
 // Prints every range in the order in which it was asked, each piece by its offset.
 void printOwners(Output& output, const Table& table, bool json, const OwnerFinder& finder,
-                 const std::vector<ByteRange>& ranges, Ground ground);
+                 const std::vector<ByteRange>& ranges);
 
 #endif

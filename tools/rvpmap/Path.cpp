@@ -1,6 +1,7 @@
 #include "Path.h"
 
 #include "DirectoryReader.h"
+#include "Messages.h"
 #include "Text.h"
 
 #include <fmt/format.h>
@@ -39,7 +40,7 @@ uint64_t findEntry(File directory, const std::string& path, std::string_view nam
             }
         }
     } catch (const ToolError& error) {
-        throw ToolError(error.status(), fmt::format("{}: {}", shown(path), error.what()));
+        throw about(path.empty() ? "/" : path, error);
     }
     throw ToolError(ExitStatus::NOT_FOUND, fmt::format("{}/{}: no such file or directory",
                                                        printable(path), printable(name)));
@@ -49,7 +50,7 @@ File openFile(Volume& volume, uint64_t index, const std::string& path) {
     try {
         return volume.openFile(index);
     } catch (const ToolError& error) {
-        throw ToolError(error.status(), fmt::format("{}: {}", shown(path), error.what()));
+        throw about(path.empty() ? "/" : path, error);
     }
 }
 

@@ -20,19 +20,16 @@ ByteRange parseRange(std::string_view text) {
     return {*offset, *offset + *length};
 }
 
-RangeUnion::RangeUnion(std::vector<ByteRange> ranges) {
+std::vector<ByteRange> united(std::vector<ByteRange> ranges) {
     std::sort(ranges.begin(), ranges.end(),
               [](const ByteRange& a, const ByteRange& b) { return a.begin < b.begin; });
+    std::vector<ByteRange> result;
     for (const ByteRange& range : ranges) {
-        if (!m_ranges.empty() && range.begin <= m_ranges.back().end) {
-            m_ranges.back().end = std::max(m_ranges.back().end, range.end);
+        if (!result.empty() && range.begin <= result.back().end) {
+            result.back().end = std::max(result.back().end, range.end);
         } else {
-            m_ranges.push_back(range);
+            result.push_back(range);
         }
     }
-}
-
-std::vector<ByteRange>::const_iterator RangeUnion::firstEndingAfter(uint64_t offset) const {
-    return std::partition_point(m_ranges.begin(), m_ranges.end(),
-                                [&](const ByteRange& range) { return range.end <= offset; });
+    return result;
 }

@@ -45,7 +45,16 @@ std::string ResultFile::temporaryPath() const {
 }
 
 void ResultFile::commit() {
-    if (::fchmod(descriptor(), usualPermissions()) != 0 || ::fsync(descriptor()) != 0) {
+    if (::fsync(descriptor()) != 0) {
+        fail(errno);
+    }
+    commit(usualPermissions());
+    // The new name is safe once the folder is; some file systems cannot do that, and need not.
+    ::fsync(m_directory.get());
+}
+
+void ResultFile::commit(mode_t permissions) {
+    if (::fchmod(descriptor(), permissions) != 0) {
         fail(errno);
     }
     try {
@@ -53,8 +62,6 @@ void ResultFile::commit() {
     } catch (const std::system_error& error) {
         fail(error.code().value());
     }
-    // The new name is safe once the folder is; some file systems cannot do that, and need not.
-    ::fsync(m_directory.get());
 }
 
 void ResultFile::fail(int error) const {

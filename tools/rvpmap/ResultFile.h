@@ -7,6 +7,7 @@
 
 #include <optional>
 #include <string>
+#include <sys/types.h>
 
 class ResultFile {
   public:
@@ -19,6 +20,8 @@ class ResultFile {
     std::string temporaryPath() const;
     // Brings the bytes to the disk and gives the file its name and usual permissions.
     void commit();
+    // Gives it its name and these permissions; the system writes the bytes when it likes.
+    void commit(mode_t permissions);
 
   private:
     [[noreturn]] void fail(int error) const;

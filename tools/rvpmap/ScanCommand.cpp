@@ -1,6 +1,7 @@
 // The tree of what the disks hold. An array or volume group stands below each of its members; what
 // it holds itself is shown where it comes first.
 #include "FileSystemText.h"
+#include "Json.h"
 #include "Progress.h"
 #include "Session.h"
 #include "Stack.h"
@@ -74,10 +75,7 @@ class JsonTree {
   private:
     nlohmann::ordered_json object(const StackNode& node) {
         nlohmann::ordered_json result;
-        result["name"] = toUtf8(node.name);
-        if (!isUtf8(node.name)) {
-            result["name_hex"] = toHex(node.name);
-        }
+        putName(result, "name", node.name);
         result["type"] = node.type;
         result["size"] = node.size;
         result["state"] = stateName(node.state);
@@ -187,8 +185,7 @@ ExitStatus runScan(const Options& options, const Stack& stack) {
     const Claims claims = claimAll(options, stack);
     Output output;
     if (options.json) {
-        append(output.buffer(), JsonTree(claims).list(stack.disks()).dump());
-        output.buffer().push_back('\n');
+        appendLine(output.buffer(), JsonTree(claims).list(stack.disks()));
     } else {
         TextTree(claims, output.buffer()).print(stack.disks());
     }

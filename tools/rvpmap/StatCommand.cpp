@@ -1,5 +1,6 @@
 #include "FileTime.h"
 #include "Json.h"
+#include "Messages.h"
 #include "Path.h"
 #include "Session.h"
 #include "Text.h"
@@ -17,7 +18,7 @@ std::optional<std::string> targetOf(FoundFile& found) {
     try {
         return found.file.linkTarget();
     } catch (const ToolError& error) {
-        throw ToolError(error.status(), fmt::format("{}: {}", printable(found.path), error.what()));
+        throw about(found.path, error);
     }
 }
 

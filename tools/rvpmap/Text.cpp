@@ -132,3 +132,7 @@ std::string humanSize(uint64_t bytes) {
     }
     return fmt::format("{:.1f}{}", value, UNITS[unit]);
 }
+
+std::string countText(uint64_t count, std::string_view one, std::string_view many) {
+    return fmt::format("{} {}", count, count == 1 ? one : many);
+}

@@ -26,5 +26,7 @@ std::string toHex(std::string_view bytes);
 std::string printable(std::string_view text);
 // "512", "4.0K", "1.5G": powers of 1024, at most six characters.
 std::string humanSize(uint64_t bytes);
+// "1 file", "2 files".
+std::string countText(uint64_t count, std::string_view one, std::string_view many);
 
 #endif

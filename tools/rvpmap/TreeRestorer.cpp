@@ -117,7 +117,7 @@ bool TreeRestorer::linkToFirst(const std::string& name, const File& file) {
 }
 
 void TreeRestorer::rememberFirst(const std::string& name, const File& file) {
-    if (file.typeBits() != S_IFDIR && file.attributes().linkCount > 1) {
+    if (file.hasSeveralPaths()) {
         m_first.emplace(file.index(), m_tree.pathOf(name));
     }
 }
