@@ -3,7 +3,7 @@ import os
 import re
 import tempfile
 
-from harness import BIN, bar, chart, figures, output_of, quote
+from harness import BIN, bar, chart, figure, figures, output_of, quote
 
 
 def instructions(program, arguments, toggle):
@@ -76,8 +76,8 @@ def map_address():
         (f"`calculatePartitionRun`, {level}, {members} members", float(time_of))
         for level, members, time_of in mapped
     ])
-    (half,) = figures(r"500 level 0 arrays of 8 members .* (\d+) ns a member", text)
-    (whole,) = figures(r"1000 level 0 arrays of 8 members .* (\d+) ns a member", text)
+    half = figure(r"500 level 0 arrays of 8 members .* (\d+) ns a member", text)
+    whole = figure(r"1000 level 0 arrays of 8 members .* (\d+) ns a member", text)
     bar(
         "assembling 1,000 arrays of 8 members",
         "nothing quadratic beyond the first-match search",
@@ -91,10 +91,10 @@ def metadata():
     quote("LVM2 metadata", text)
     middle = text[text.index("\n4000 logical volumes"):]
     large = text[text.index("\n40000 logical volumes"):]
-    (speed,) = figures(r"LvmConfig::parse has ([\d.]+) times its speed", middle)
-    (rate,) = figures(r"LvmConfig::parse +[\d.]+ ms +([\d.]+) MB/s", middle)
-    (large_rate,) = figures(r"LvmConfig::parse +[\d.]+ ms +([\d.]+) MB/s", large)
-    (dump,) = figures(r"dumping takes ([\d.]+) of the time", middle)
+    speed = figure(r"LvmConfig::parse has ([\d.]+) times its speed", middle)
+    rate = figure(r"LvmConfig::parse +[\d.]+ ms +([\d.]+) MB/s", middle)
+    large_rate = figure(r"LvmConfig::parse +[\d.]+ ms +([\d.]+) MB/s", large)
+    dump = figure(r"dumping takes ([\d.]+) of the time", middle)
     bar(
         "`LvmConfig::parse` of 4,000 logical volumes, beside `dm_config_from_string`",
         "at least 10 times its speed",
@@ -107,8 +107,8 @@ def metadata():
         f"{large_rate:.0f} MB/s",
         large_rate >= rate / 1.5,
     )
-    (peer_time,) = figures(r"dm_config_from_string +([\d.]+) ms", middle)
-    (our_time,) = figures(r"LvmConfig::parse +([\d.]+) ms", middle)
+    peer_time = figure(r"dm_config_from_string +([\d.]+) ms", middle)
+    our_time = figure(r"LvmConfig::parse +([\d.]+) ms", middle)
     chart("metadata", "Parsing 4,000 logical volumes", "milliseconds", [
         ("`LvmConfig::parse`", our_time), ("`dm_config_from_string`", peer_time),
     ])
@@ -148,7 +148,7 @@ def bitmap():
           for peer in ("vector<bool>, std::find", "dynamic_bitset, bit by bit",
                        "dynamic_bitset, find_first")),
     ])
-    (heap,) = figures(r"Heap: ([\d.]+) ns a run", text)
+    heap = figure(r"Heap: ([\d.]+) ns a run", text)
     bar("scan over runs of 64 bits on average", "at most 20 ns a run", f"{heap:.1f} ns", heap <= 20)
 
 

@@ -117,3 +117,17 @@ def figures(pattern, text):
     if found is None:
         sys.exit(f"nothing in the output matches {pattern!r}:\n{text}")
     return [float(group) for group in found.groups()]
+
+
+def figure(pattern, text):
+    """The only group."""
+    return figures(pattern, text)[0]
+
+
+def remover(*names):
+    """What removes these files where they are."""
+    def remove():
+        for name in names:
+            if os.path.exists(name):
+                os.remove(name)
+    return remove

@@ -1,8 +1,8 @@
 """Whole programs beside their peers: the catalogue, listings, extraction."""
-import os
 import tempfile
 
-from harness import (BIN, CATALOG, FEW_ROUNDS, IMAGES, ROUNDS, RVPMAP, bar, take_turns, tell)
+from harness import (BIN, CATALOG, FEW_ROUNDS, IMAGES, ROUNDS, RVPMAP, bar, remover, take_turns,
+                     tell)
 
 
 def catalog():
@@ -49,11 +49,7 @@ def catalog_into_database():
         into_lines = ["sh", "-c", f"exec {' '.join(CATALOG)} {tree} >{lines}"]
         into_sqlite = [RVPMAP, "catalog", "--extents", "--format", "sqlite", "-o", database, tree]
 
-        def forget():
-            for name in database, lines:
-                if os.path.exists(name):
-                    os.remove(name)
-
+        forget = remover(database, lines)
         ndjson, sqlite = take_turns(
             {
                 "`rvpmap catalog --extents --format ndjson`": into_lines,
@@ -106,12 +102,6 @@ def large_directories():
 def extraction():
     with tempfile.TemporaryDirectory(dir=IMAGES) as work:
         copy, ours = f"{work}/copy", f"{work}/extracted"
-
-        def forget():
-            for name in copy, ours:
-                if os.path.exists(name):
-                    os.remove(name)
-
         peer, extract = take_turns(
             {
                 "`cp` of an ordinary file": ["cp", f"{IMAGES}/ordinary", copy],
@@ -120,7 +110,7 @@ def extraction():
                 ],
             },
             rounds=ROUNDS,
-            after=forget,
+            after=remover(copy, ours),
         )
     tell("extraction", "1 GiB in 500 fragments to a file", [peer, extract])
     speed = 1 / extract.times(peer)

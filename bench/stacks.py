@@ -3,6 +3,7 @@ import hashlib
 import os
 import random
 import subprocess
+import sys
 import tempfile
 
 from harness import CATALOG, FEW_ROUNDS, IMAGES, RVPMAP, bar, take_turns, tell
@@ -15,7 +16,10 @@ LARGEST_BAD_AREA = 64 * 1024  # bytes
 
 def digest(*command):
     with subprocess.Popen(command, stdout=subprocess.PIPE) as program:
-        return hashlib.file_digest(program.stdout, "sha256").hexdigest()
+        found = hashlib.file_digest(program.stdout, "sha256").hexdigest()
+    if program.returncode != 0:
+        sys.exit(f"{' '.join(command)} failed")
+    return found
 
 
 def reading():

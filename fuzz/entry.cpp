@@ -5,6 +5,7 @@
 // Input: calls, each with its choices, and in between what the library answers.
 #include "ByteSource.h"
 #include "HostileFso.h"
+#include "Listener.h"
 #include "Require.h"
 #include "kmhost.h"
 #include "kmp/rvp_map.h"
@@ -82,11 +83,6 @@ int keepAlive(void*) {
     return 1;
 }
 
-void hear(kmp_ehandler*, const char* english, const char* localized, int severity) {
-    require(english != nullptr && localized != nullptr && severity == KMP_SEVERITY_WARNING,
-            "the host hears a text");
-}
-
 struct FreeId {
     void operator()(struct km_objid* id) const { km_free_objid(id); }
 };
@@ -109,14 +105,30 @@ class Host {
 
     void call() {
         constexpr void (Host::*CALLS[])() = {
-            &Host::init,          &Host::fini,          &Host::claimId,
-            &Host::claimVolume,   &Host::openId,        &Host::openFileIndex,
-            &Host::close,         &Host::checkConfigId, &Host::getConfigId,
-            &Host::getExtent,     &Host::getNames,      &Host::getObjProp,
-            &Host::getObjStats,   &Host::objCtl,        &Host::readDir,
-            &Host::statFile,      &Host::statFs,        &Host::excludeUnallocated,
-            &Host::setRead,       &Host::setOptimize,   &Host::setExtent,
-            &Host::setSectorSize, &Host::setKeepAlive,  &Host::errMsg,
+            &Host::init,
+            &Host::fini,
+            &Host::claimId,
+            &Host::claimVolume,
+            &Host::openId,
+            &Host::openFileIndex,
+            &Host::close,
+            &Host::checkConfigId,
+            &Host::getConfigId,
+            &Host::getExtent,
+            &Host::getNames,
+            &Host::getObjProp,
+            &Host::ask<rvp_map_get_obj_stats, kmp_stats>,
+            &Host::objCtl,
+            &Host::readDir,
+            &Host::ask<rvp_map_stat_file, kmp_file>,
+            &Host::ask<rvp_map_stat_fs, kmp_fs>,
+            &Host::excludeUnallocated,
+            &Host::setRead,
+            &Host::setOptimize,
+            &Host::setExtent,
+            &Host::setSectorSize,
+            &Host::setKeepAlive,
+            &Host::errMsg,
             &Host::loseLibrary,
         };
         const std::uint8_t choice = m_in.byte();
@@ -341,11 +353,13 @@ class Host {
                     "a property has its kind");
         }
     }
-    void getObjStats() {
-        kmp_stats stats;
+    // An entry point that fills one record about an object.
+    template <auto Function, typename Record>
+    void ask() {
+        Record record;
         RvpInstance* of = instance();
         kmp_obj* from = object();
-        checkForObject(rvp_map_get_obj_stats(of, from, maybe(&stats)));
+        checkForObject(Function(of, from, maybe(&record)));
     }
     void objCtl() {
         constexpr int COMMANDS[] = {1, 2, 3, 1000, 1001, 1002, 1003, 1004, 999};
@@ -376,18 +390,6 @@ class Host {
         request.position = m_in.number();
         unsigned long position = 0;
         checkForObject(rvp_map_readdir(of, from, maybe(&request), maybe(&position, 1)));
-    }
-    void statFile() {
-        kmp_file stat;
-        RvpInstance* of = instance();
-        kmp_obj* from = object();
-        checkForObject(rvp_map_stat_file(of, from, maybe(&stat)));
-    }
-    void statFs() {
-        kmp_fs stat;
-        RvpInstance* of = instance();
-        kmp_obj* from = object();
-        checkForObject(rvp_map_stat_fs(of, from, maybe(&stat)));
     }
     void excludeUnallocated() {
         RvpInstance* of = instance();
