@@ -26,10 +26,8 @@ inline constexpr FsoStatusCode FSO_STATUS_CODES[] = {
     {FSO_DAMAGED, KMP_ESYSTEM},
 };
 
+// For every status but success.
 inline int hostCodeOf(uint32_t status) {
-    if (status == FSO_OK) {
-        return KMP_OK;
-    }
     for (const FsoStatusCode& known : FSO_STATUS_CODES) {
         if (known.status == status) {
             return known.code;

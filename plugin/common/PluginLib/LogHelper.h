@@ -72,7 +72,8 @@ class LogTrace {
 
 #define PLUGIN_LOG(level, ...) PLUGIN_LOG_AS(__func__, __LINE__, level, __VA_ARGS__)
 
-// Logs a failed claim or a secondary one; a primary claim has no line of its own.
+// Logs a failed or a secondary claim. Any other value, a primary claim among them, is logged as
+// invalid.
 inline void plugin_report_claim(int claim, const char* name) {
     if (claim == KM_CLAIM_NONE) {
         PLUGIN_LOG(3, "Return KM_CLAIM_NONE for: %s\n", name);
