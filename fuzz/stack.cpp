@@ -7,6 +7,7 @@
 #include "Stack.h"
 #include "ByteSource.h"
 #include "Checksums.h"
+#include "DiskRuns.h"
 #include "Patches.h"
 #include "Require.h"
 #include "SourceError.h"
