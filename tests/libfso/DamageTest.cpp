@@ -17,7 +17,7 @@ TEST(DamageTest, RecordsBeforeADamagedExtentAreDelivered) {
     // length.
     for (const auto& [word, value] :
          {std::pair(11U, 0x7fffffffU), {11, 0}, {9, 1}, {9, 3}, {10, 0}}) {
-        const Image image = Image::withFragments(NO_CHECKSUMS, 3);
+        const Image image = Image::withFile(NO_CHECKSUMS, fragments(3));
         auto sound = Host(image).extents(FILE_INDEX);
         ASSERT_EQ(sound.size(), 6U);
         sound.resize(4);

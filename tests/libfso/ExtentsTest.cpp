@@ -15,7 +15,7 @@ constexpr std::uint64_t BLOCK = 4096;
 TEST(ExtentsTest, FragmentsAreListedOnceHoweverTheyAreAskedFor) {
     for (const std::string type : {"ext2", "ext4"}) {
         for (const unsigned pieces : {4U, 5U, 85U, 337U, 5000U}) {
-            Host host(Image::withFragments("-b 1024 -t " + type, pieces));
+            Host host(Image::withFile("-b 1024 -t " + type, fragments(pieces), "16M"));
             const auto all = host.extents(FILE_INDEX, 20000);
             ASSERT_EQ(all.size(), 2 * pieces);
             for (const std::uint32_t capacity : {1U, 7U, 341U}) {

@@ -16,6 +16,15 @@
 constexpr std::uint64_t ROOT = 2;
 constexpr std::uint64_t FILE_INDEX = 12; // of the first file that an image gets
 
+// Blocks of 1 KiB. Every other is empty, which mke2fs makes a hole of.
+inline std::string fragments(unsigned count) {
+    std::string content;
+    for (unsigned i = 0; i < count; ++i) {
+        content += std::string(1024, '\0') + std::string(1024, 'd');
+    }
+    return content;
+}
+
 class Image {
   public:
     // Options as mke2fs takes them, and shell commands that fill the folder that is copied in.
@@ -30,16 +39,6 @@ class Image {
         const TemporaryFolder folder;
         writeFile(folder / "file", content);
         return Image(options, "cp '" + (folder / "file") + "' .", size);
-    }
-    // With one file of blocks of 1 KiB, every other of which is data.
-    static Image withFragments(const std::string& options, unsigned count) {
-        const TemporaryFolder folder;
-        std::ofstream file(folder / "file", std::ios::binary);
-        for (unsigned i = 0; i < count; ++i) {
-            file.seekp((2 * i + 1) * 1024) << std::string(1024, 'd');
-        }
-        file.close();
-        return Image(options, "cp '" + (folder / "file") + "' .", "16M");
     }
 
     std::string bytes() const { return readFile(m_folder / "image"); }

@@ -1,7 +1,6 @@
 // read_layer NODE DISK... writes a line with how many bytes of the disks are a node's data, copies,
 // sources of what is rebuilt, and parity; then all bytes of the node. What is said to be its data,
 // or a copy, and has other bytes is not counted.
-#include "SourceError.h"
 #include "Stack.h"
 
 #include <algorithm>
@@ -41,18 +40,13 @@ void copy(const Layer& layer) {
 } // namespace
 
 int main(int count, char** arguments) {
-    try {
-        Stack stack({arguments + 2, arguments + count});
-        stack.discover();
-        const StackNode* node = stack.find(arguments[1]);
-        if (node == nullptr || node->layer == nullptr) {
-            throw SourceError("there is no such node, or it cannot be read", false);
-        }
-        countUses(stack, *node->layer);
-        copy(*node->layer);
-        return 0;
-    } catch (const SourceError& error) {
-        fmt::print(stderr, "{}\n", error.what());
+    Stack stack({arguments + 2, arguments + count});
+    stack.discover();
+    const StackNode* node = stack.find(arguments[1]);
+    if (node == nullptr || node->layer == nullptr) {
         return 1;
     }
+    countUses(stack, *node->layer);
+    copy(*node->layer);
+    return 0;
 }
