@@ -62,6 +62,7 @@ TEST(DamageTest, DirectoriesAreListedAroundDamage) {
             EXPECT_EQ(some.front().name, all.front().name);
         }
         EXPECT_EQ(host.log.size(), 1U);
+        EXPECT_EQ(host.logged("a wrong checksum"), options != NO_CHECKSUMS);
     }
 }
 

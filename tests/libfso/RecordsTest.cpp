@@ -15,7 +15,6 @@ TEST(RecordsTest, FileSystem) {
     ASSERT_EQ(host.object->statFs(&fs), FSO_OK);
     EXPECT_EQ(fs.state, FSO_FS_NEEDS_RECOVERY | FSO_FS_HAS_ERRORS);
     EXPECT_EQ(fs.blockCount, 8192U);
-    EXPECT_EQ(fs.usedBlocks, fs.blockCount - fs.freeBlocks);
     EXPECT_EQ(fs.fileCount, 512U);
     EXPECT_EQ(fs.freeFiles, 512U - 11U);
     EXPECT_STREQ(fs.volumeName, "sixteen-bytes-ok");
@@ -28,7 +27,6 @@ TEST(RecordsTest, TimesAndFilesWithoutContent) {
                  "sif file mtime 5\nsif file mtime_extra 0xEE6B27FD\nmknod small c 8 17");
     Host host(image);
     const fso_file_record file = host.open(FILE_INDEX);
-    EXPECT_EQ(file.index, FILE_INDEX);
     EXPECT_EQ(file.accessTime.seconds, -16); // before 1970
     EXPECT_EQ(file.accessTime.fraction, 0U);
     EXPECT_EQ(file.modifyTime.seconds, 5); // and 2^32 more, in the year 2106
@@ -47,7 +45,7 @@ TEST(RecordsTest, IndexesThatNameNoFile) {
         EXPECT_EQ(host.status, FSO_NOT_FOUND) << index;
         EXPECT_EQ(host.object->closeFile(index), FSO_OK); // once more than it was opened
     }
-    for (const std::uint64_t index : {2, 11}) {
+    for (const std::uint64_t index : {ROOT, ROOT + 9}) {
         host.open(index);
         EXPECT_EQ(host.status, FSO_OK);
     }

@@ -1,4 +1,5 @@
 """LVM2 physical volumes, composed from metadata texts."""
+import re
 import struct
 import zlib
 
@@ -16,34 +17,35 @@ def identifier(number):
     return f"{number:032d}"
 
 
-def area(at, start, text, broken):
+def area(at, start, text):
     """A metadata area; a text that reaches its end goes on behind its first sector."""
     ring = bytearray(AREA_SIZE)
     head, tail = text[:AREA_SIZE - start], text[AREA_SIZE - start:]
     ring[start:start + len(head)] = head
     ring[SECTOR:SECTOR + len(tail)] = tail
-    location = struct.pack("<QQII", start, len(text), crc(text) ^ broken, 0)
+    location = struct.pack("<QQII", start, len(text), crc(text), 0)
     header = struct.pack("<16sIQQ", b" LVM2 x[5A%r0N*>", 1, at, AREA_SIZE) + location
     header = header.ljust(SECTOR - 4, b"\0")
     ring[:SECTOR] = struct.pack("<I", crc(header)) + header
     return bytes(ring)
 
 
-def physical_volume(number, text, extents, label_sector=1, broken=(), uuid=None):
-    """`extents` is the content of the data area; areas whose number is in `broken` have a text
-    with a wrong checksum, that of the second is in two pieces."""
-    text = text if isinstance(text, bytes) else text.encode()
+def physical_volume(number, text, extents, label_sector=1):
+    """`extents` is the content of the data area. Of two copies of the text, the second is in two
+    pieces."""
+    uuid = re.search(rf'pv{number} {{\s*id = "(.*)"', text)[1].replace("-", "")
+    text = text.encode()
     second = DATA_START + len(extents)
     places = {4096: 1024, second: AREA_SIZE - len(text) // 2}
-    body = (uuid or identifier(number)).encode() + struct.pack("<Q", second + AREA_SIZE)
+    body = uuid.encode() + struct.pack("<Q", second + AREA_SIZE)
     body += struct.pack("<QQQQ", DATA_START, 0, 0, 0)
     body += b"".join(struct.pack("<QQ", place, AREA_SIZE) for place in places)
     body = (struct.pack("<I8s", 32, b"LVM2 001") + body).ljust(SECTOR - 20, b"\0")
     label = struct.pack("<8sQI", b"LABELONE", label_sector, crc(body)) + body
     image = bytearray(second + AREA_SIZE)
     image[label_sector * SECTOR:(label_sector + 1) * SECTOR] = label
-    for i, (place, start) in enumerate(places.items()):
-        image[place:place + AREA_SIZE] = area(place, start, text, i in broken)
+    for place, start in places.items():
+        image[place:place + AREA_SIZE] = area(place, start, text)
     image[DATA_START:second] = extents
     return bytes(image)
 

