@@ -32,13 +32,9 @@ TEST(DirectoryTest, SmallBuffersOddPositionsAndDeletedEntries) {
     EXPECT_LT(host.list(FILE_INDEX, 48).size(), 3U); // 32 + a name of 22 bytes and its NUL
     EXPECT_EQ(host.status, FSO_INVALID);
 
-    std::vector<std::uint64_t> buffer(128);
-    fso_dir_request request = {reinterpret_cast<std::uint64_t>(buffer.data()), 1024, 0, 0};
-    std::uint32_t count = 0;
     for (const std::uint64_t position : {7ULL, 1023ULL, 1024ULL, 1ULL << 40, ~0ULL}) {
-        request.position = position;
-        EXPECT_EQ(host.object->readDir(FILE_INDEX, &request, &count),
-                  position == ~0ULL ? FSO_INVALID : FSO_OK);
+        host.list(FILE_INDEX, 1024, position);
+        EXPECT_EQ(host.status, position == ~0ULL ? FSO_INVALID : FSO_OK);
     }
 }
 

@@ -115,11 +115,12 @@ class Host {
         return all;
     }
 
-    std::vector<Entry> list(std::uint64_t index, std::size_t bufferSize = 65536) {
+    std::vector<Entry> list(std::uint64_t index, std::size_t bufferSize = 65536,
+                            std::uint64_t position = 0) {
         std::vector<Entry> entries;
         std::vector<std::uint64_t> buffer(bufferSize / sizeof(std::uint64_t));
-        fso_dir_request request = {reinterpret_cast<std::uint64_t>(buffer.data()), bufferSize, 0,
-                                   0};
+        fso_dir_request request = {reinterpret_cast<std::uint64_t>(buffer.data()), bufferSize,
+                                   position, 0};
         std::uint32_t count = 1;
         while (count > 0) {
             status = object->readDir(index, &request, &count);

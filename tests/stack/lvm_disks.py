@@ -57,9 +57,7 @@ def segment(start, count, kind, rest):
 
 def stripes(start, count, *areas, size=8):
     listed = ", ".join(f"\"{name}\", {extent}" for name, extent in areas)
-    return segment(start, count, "striped", f"stripe_count = {len(areas)}\n"
-                   + (f"stripe_size = {size}\n" if len(areas) > 1 else "")
-                   + f"stripes = [\n{listed}\n]")
+    return segment(start, count, "striped", f"stripe_size = {size}\nstripes = [\n{listed}\n]")
 
 
 def volume(name, *segments, visible=True, status=""):

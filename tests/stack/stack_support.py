@@ -1,11 +1,11 @@
 """What all tests of stacks share: a folder of disks, and questions to the tool about them."""
 import os
 import random
-import subprocess
 
-from support import SBIN, ToolTest
+from support import ToolTest
 
 DATA = os.environ["DATA"]
+READ_LAYER = os.environ["READ_LAYER"]
 
 
 class StackTest(ToolTest):
@@ -19,11 +19,10 @@ class StackTest(ToolTest):
             self.disk(name, image)
         return names
 
-    def partitioned(self, name, content, script, *tool):
+    def partitioned(self, name, content, script, tool="sfdisk -q"):
         """Writes a disk and has a tool partition it; what the disk then holds."""
         self.disk(name, content)
-        subprocess.run([*(tool or ("sfdisk", "-q")), name], cwd=self.folder, check=True,
-                       input=script.encode(), capture_output=True, env=dict(os.environ, PATH=SBIN))
+        self.command("sh", "-c", f"printf '{script}' | {tool} {name}")
         return (self.folder / name).read_bytes()
 
     def options(self, disks):
@@ -42,10 +41,7 @@ class StackTest(ToolTest):
 
     def read(self, node, disks):
         """Its bytes; how many of the disks' are its data, copies, rebuild it, and parity."""
-        done = subprocess.run([os.environ["READ_LAYER"], node, *disks], cwd=self.folder,
-                              capture_output=True, check=False)
-        self.assertEqual(done.returncode, 0, done.stderr)
-        uses, _, content = done.stdout.partition(b"\n")
+        uses, _, content = self.command(READ_LAYER, node, *disks).partition(b"\n")
         return content, tuple(map(int, uses.split()))
 
     def check_content(self, node, disks, expected):

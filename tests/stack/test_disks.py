@@ -19,7 +19,7 @@ class Disks(StackTest):
                                "start=1024, size=8192, type=5\nstart=2048, size=100\n"
                                "start=4000, size=300\nstart=6000, size=200\n")
         large = self.partitioned("large.img", noise(8 * MIB, 3), "g\nn\n1\n300\n399\nw\n",
-                                 "fdisk", "-b4096")
+                                 "fdisk -b4096")
         parts = {"gpt.img#1": (gpt, 2048, 2048), "gpt.img#2": (gpt, 8192, 64),
                  "dos.img#1": (dos, 64, 64), "dos.img#5": (dos, 2048, 100),
                  "dos.img#6": (dos, 4000, 300), "dos.img#7": (dos, 6000, 200),
