@@ -26,6 +26,8 @@ class Images(ToolTest):
                 for place in places:
                     file.seek(place * 1024)
                     file.write(random.Random(place).randbytes(1000))
+        (self.source / "hole").touch()
+        os.truncate(self.source / "hole", 5 << 20)
         for length in (6, 59, 60, 700):
             os.symlink("x" * length, self.source / f"link {length}")
         (self.source / "folder").mkdir()
