@@ -1,4 +1,5 @@
 """LVM2 physical volumes, composed from metadata texts."""
+import re
 import struct
 import zlib
 
@@ -16,40 +17,35 @@ def identifier(number):
     return f"{number:032d}"
 
 
-def dashed(text):
-    cuts = (0, 6, 10, 14, 18, 22, 26, 32)
-    return "-".join(text[a:b] for a, b in zip(cuts, cuts[1:]))
-
-
-def area(at, text, broken=False, wrapped=False):
-    """A metadata area; the text may go on at its start."""
-    start = AREA_SIZE - len(text) // 2 if wrapped else 1024
+def area(at, start, text):
+    """A metadata area; a text that reaches its end goes on behind its first sector."""
     ring = bytearray(AREA_SIZE)
-    for i, byte in enumerate(text):
-        place = start + i
-        ring[place if place < AREA_SIZE else place - AREA_SIZE + SECTOR] = byte
-    location = struct.pack("<QQII", start, len(text), crc(text) ^ broken, 0)
+    head, tail = text[:AREA_SIZE - start], text[AREA_SIZE - start:]
+    ring[start:start + len(head)] = head
+    ring[SECTOR:SECTOR + len(tail)] = tail
+    location = struct.pack("<QQII", start, len(text), crc(text), 0)
     header = struct.pack("<16sIQQ", b" LVM2 x[5A%r0N*>", 1, at, AREA_SIZE) + location
     header = header.ljust(SECTOR - 4, b"\0")
     ring[:SECTOR] = struct.pack("<I", crc(header)) + header
     return bytes(ring)
 
 
-def physical_volume(number, text, extents, label_sector=1, broken=(), wrapped=False):
-    """`extents` is the content of the data area; areas whose number is in `broken` have a text
-    with a wrong checksum."""
-    text = text if isinstance(text, bytes) else text.encode()
+def physical_volume(number, text, extents, label_sector=1):
+    """`extents` is the content of the data area. Of two copies of the text, the second is in two
+    pieces."""
+    uuid = re.search(rf'pv{number} {{\s*id = "(.*)"', text)[1].replace("-", "")
+    text = text.encode()
     second = DATA_START + len(extents)
-    places = (4096, second)
-    body = identifier(number).encode() + struct.pack("<Q", second + AREA_SIZE)
+    places = {4096: 1024, second: AREA_SIZE - len(text) // 2}
+    body = uuid.encode() + struct.pack("<Q", second + AREA_SIZE)
     body += struct.pack("<QQQQ", DATA_START, 0, 0, 0)
     body += b"".join(struct.pack("<QQ", place, AREA_SIZE) for place in places)
     body = (struct.pack("<I8s", 32, b"LVM2 001") + body).ljust(SECTOR - 20, b"\0")
     label = struct.pack("<8sQI", b"LABELONE", label_sector, crc(body)) + body
     image = bytearray(second + AREA_SIZE)
     image[label_sector * SECTOR:(label_sector + 1) * SECTOR] = label
-    for i, place in enumerate(places):
-        image[place:place + AREA_SIZE] = area(place, text, i in broken, wrapped)
+    for place, start in places.items():
+        image[place:place + AREA_SIZE] = area(place, start, text)
     image[DATA_START:second] = extents
     return bytes(image)
 
@@ -61,27 +57,25 @@ def segment(start, count, kind, rest):
 
 def stripes(start, count, *areas, size=8):
     listed = ", ".join(f"\"{name}\", {extent}" for name, extent in areas)
-    return segment(start, count, "striped", f"stripe_count = {len(areas)}\n"
-                   + (f"stripe_size = {size}\n" if len(areas) > 1 else "")
-                   + f"stripes = [\n{listed}\n]")
+    return segment(start, count, "striped", f"stripe_size = {size}\nstripes = [\n{listed}\n]")
 
 
 def volume(name, *segments, visible=True, status=""):
     status = '"READ", "WRITE"' + (', "VISIBLE"' if visible else "") + status
     body = "\n".join(f"segment{i + 1} {{\n{one}}}" for i, one in enumerate(segments))
-    return (f"{name} {{\nid = \"{dashed(identifier(7))}\"\nstatus = [{status}]\n"
+    return (f"{name} {{\nid = \"{identifier(7)}\"\nstatus = [{status}]\n"
             f"read_ahead = -1\ncreation_host = \"a # \\\"host\\\" = -1\"\n"
             f"segment_count = {len(segments)}\n{body}\n}}\n")
 
 
-def group(volumes, devices, name="vg0", seqno=3, number=1, flags=None, extra=""):
+def group(volumes, devices, name="vg0", seqno=3, number=1, flags=None):
     """`devices` maps numbers to numbers of extents."""
     listed = "".join(
-        f"pv{device} {{\nid = \"{dashed(identifier(device))}\"\nstatus = [\"ALLOCATABLE\"]\n"
+        f"pv{device} {{\nid = \"{identifier(device)}\"\nstatus = [\"ALLOCATABLE\"]\n"
         f"flags = [{(flags or {}).get(device, '')}]\n"
         f"pe_start = {DATA_START // SECTOR}\npe_count = {count}\n}}\n"
         for device, count in devices.items())
     return (f"# one comment\n# and another\n{name} {{\n"
-            f"id = \"{dashed(identifier(1000 + number))}\"\nseqno = {seqno}\n{extra}"
+            f"id = \"{identifier(1000 + number)}\"\nseqno = {seqno}\n"
             f"extent_size = {EXTENT // SECTOR}\nphysical_volumes {{\n{listed}}}\n"
             f"logical_volumes {{\n{''.join(volumes)}}}\n}}\n# after it\n\0")

@@ -5,18 +5,17 @@ SECTOR = 512
 MAGIC = 0xA92B4EFC
 SPARE, FAULTY, JOURNAL = 0xFFFF, 0xFFFE, 0xFFFD
 FEATURES = dict(bitmap=1, recovery=2, reshape=4, bad_blocks=8, replacement=16, journal=512,
-                partial_log=1024, raid0_layout=4096)
+                raid0_layout=4096)
 SUPER_SECTOR = {"1.1": 0, "1.2": 8}
 
 
 def parity_disks(level, layout, disks, row):
     """Of one row of chunks: the parity disks, and the data disks in order."""
-    if level in (0, 1):
+    if level == 0:
         return [], list(range(disks))
     if level == 4:
         return [disks - 1], list(range(disks - 1))
-    turn = row % disks
-    first = disks - 1 - turn if layout in (0, 2) else turn
+    first = disks - 1 - row % disks if layout in (0, 2) else row % disks
     parities = [(first + i) % disks for i in range(level - 4)]
     if layout in (2, 3):
         return parities, [(parities[-1] + 1 + i) % disks for i in range(disks - level + 4)]
@@ -34,19 +33,14 @@ def member_data(level, layout, disks, chunk, content, sizes=None):
     """What each member holds of the array's bytes."""
     if level == 1:
         return [content] * disks
+    if level == 10:
+        return [data for data in member_data(0, 0, disks // 2, chunk, content) for _ in range(2)]
     chunks = [content[at:at + chunk] for at in range(0, len(content), chunk)]
     members = [bytearray() for _ in range(disks)]
     row = 0
     while chunks:
-        if level == 10:
-            for disk in range(0, disks, 2):
-                one = chunks.pop(0)
-                members[disk] += one
-                members[disk + 1] += one
-            continue
         parities, data = parity_disks(level, layout, disks, row)
-        if sizes:
-            data = [disk for disk in data if len(members[disk]) < sizes[disk]]
+        data = [disk for disk in data if not sizes or len(members[disk]) < sizes[disk]]
         stripe = [chunks.pop(0) for _ in data]
         for disk, one in zip(data, stripe):
             members[disk] += one
@@ -56,14 +50,9 @@ def member_data(level, layout, disks, chunk, content, sizes=None):
     return [bytes(member) for member in members]
 
 
-def checksum(block, roles):
-    words = struct.unpack_from(f"<{(256 + 2 * roles) // 4}I", block)
-    total = sum(words) - words[54]
-    return (total & 0xFFFFFFFF) + (total >> 32) & 0xFFFFFFFF
-
-
 def superblock(role, *, version, level, layout, disks, chunk, component, data, sector, uuid, name,
-               events=10, features=(), resync=2**64 - 1, says=None, device=None):
+               events=10, features=(), resync=2**64 - 1, says=None, device=None, words=None):
+    """`words` are numbers of 32 bits to put at bytes of the superblock."""
     roles = max(disks, role + 1) + (-max(disks, role + 1)) % 2
     table = list(range(disks)) + [SPARE] * (roles - disks)
     for number, said in (says or {}).items():
@@ -76,7 +65,10 @@ def superblock(role, *, version, level, layout, disks, chunk, component, data, s
                      role, 0, bytes([device if device is not None else role] * 16))
     struct.pack_into("<QQQII", block, 192, 1_700_000_000, events, resync, 0, roles)
     struct.pack_into(f"<{roles}H", block, 256, *table)
-    struct.pack_into("<I", block, 216, checksum(block, roles))
+    for at, word in (words or {}).items():
+        struct.pack_into("<i", block, at, word)
+    total = sum(struct.unpack_from(f"<{(256 + 2 * roles) // 4}I", block))
+    struct.pack_into("<I", block, 216, total + (total >> 32) & 0xFFFFFFFF)
     return bytes(block)
 
 

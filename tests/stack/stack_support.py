@@ -1,20 +1,29 @@
 """What all tests of stacks share: a folder of disks, and questions to the tool about them."""
 import os
 import random
-import subprocess
 
 from support import ToolTest
 
 DATA = os.environ["DATA"]
+READ_LAYER = os.environ["READ_LAYER"]
 
 
 class StackTest(ToolTest):
     def disk(self, name, content):
         (self.folder / name).write_bytes(content)
 
-    def sfdisk(self, disk, script, *options):
-        subprocess.run(["/usr/sbin/sfdisk", "-q", *options, disk], cwd=self.folder, check=True,
-                       input=script.encode(), capture_output=True)
+    def disks(self, images, prefix="d"):
+        """Writes them all; the names they get."""
+        names = [f"{prefix}{number}" for number in range(len(images))]
+        for name, image in zip(names, images):
+            self.disk(name, image)
+        return names
+
+    def partitioned(self, name, content, script, tool="sfdisk -q"):
+        """Writes a disk and has a tool partition it; what the disk then holds."""
+        self.disk(name, content)
+        self.command("sh", "-c", f"printf '{script}' | {tool} {name}")
+        return (self.folder / name).read_bytes()
 
     def options(self, disks):
         return [word for disk in disks for word in ("-d", disk)]
@@ -22,31 +31,23 @@ class StackTest(ToolTest):
     def scan(self, disks):
         """All nodes by name, the notes of each joined."""
         nodes = {}
-
-        def collect(node):
+        found = self.json(*self.options(disks), "scan")
+        while found:
+            node = found.pop(0)
             node["note"] = "; ".join(node["notes"])
             nodes.setdefault(node["name"], node)
-            for child in node.get("children", []):
-                collect(child)
-
-        for disk in self.json(*self.options(disks), "scan"):
-            collect(disk)
+            found += node.get("children", [])
         return nodes
 
-    def read(self, node, disks, way="layers"):
-        done = subprocess.run([os.environ["READ_LAYER"], way, node, *disks], cwd=self.folder,
-                              capture_output=True, check=False)
-        self.assertEqual(done.returncode, 0, done.stderr)
-        return done.stdout
+    def read(self, node, disks):
+        """Its bytes; how many of the disks' are its data, copies, rebuild it, and parity."""
+        uses, _, content = self.command(READ_LAYER, node, *disks).partition(b"\n")
+        return content, tuple(map(int, uses.split()))
 
-    def check_content(self, node, disks, content):
-        """Read through the layers and by the runs on the disks."""
-        for way in ("layers", "disks"):
-            self.assertTrue(self.read(node, disks, way) == content, (node, disks, way))
-
-    def uses(self, node, disks):
-        """How many bytes of the disks are the node's data, copies, what it is rebuilt from, parity."""
-        return tuple(map(int, self.read(node, disks, "uses").split()))
+    def check_content(self, node, disks, expected):
+        content, uses = self.read(node, disks)
+        self.assertTrue(content == expected, (node, disks))
+        return uses
 
     def check_refused(self, node, disks, words):
         found = self.scan(disks)[node]
