@@ -43,6 +43,15 @@ TEST(DamageTest, WrongChecksumsAreNotBelieved) {
     EXPECT_TRUE(host.logged("inode 12 has a wrong checksum"));
 }
 
+TEST(DamageTest, ADamagedDescriptorHidesNoInode) {
+    std::string bytes = Image("-t ext4 -b 1024", "touch file").bytes();
+    bytes[2 * 1024 + 0x12] = static_cast<char>(bytes[2 * 1024 + 0x12] | 1); // no inode is in use
+    Host host(bytes);
+    host.open(FILE_INDEX);
+    EXPECT_EQ(host.status, FSO_OK);
+    EXPECT_TRUE(host.logged("the descriptor of group 0 has a wrong checksum"));
+}
+
 TEST(DamageTest, DirectoriesAreListedAroundDamage) {
     for (const std::string options : {NO_CHECKSUMS, "-t ext4 -b 1024"}) {
         Host sound(Image(options, "mkdir many && seq -f many/entry-number-%g 200 | xargs touch"));

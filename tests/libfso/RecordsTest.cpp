@@ -51,6 +51,19 @@ TEST(RecordsTest, IndexesThatNameNoFile) {
     }
 }
 
+TEST(RecordsTest, AnEncryptedTargetIsLeftOut) {
+    const Image image("-t ext4 -b 1024", "ln -s " + std::string(100, 't') + " link");
+    image.change("sif link flags 0x80800"); // encrypted, in extents
+    const Host host(image);
+    fso_file_record record;
+    fso_metadata metadata;
+    std::uint32_t flags = 0;
+    EXPECT_EQ(host.object->openFile(FILE_INDEX, &record, &flags), FSO_OK);
+    EXPECT_EQ(host.object->getMetadata(FILE_INDEX, &metadata), FSO_OK);
+    EXPECT_EQ(metadata.linkTarget.address, 0U);
+    EXPECT_TRUE(host.logged("the link's target is left out"));
+}
+
 TEST(RecordsTest, MetadataLivesUntilTheLastClose) {
     const std::string target(900, 't');
     const Image image("-t ext4 -b 1024 -I 256", "ln -s " + target + " link");

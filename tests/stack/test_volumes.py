@@ -1,5 +1,7 @@
 """LVM2: segments of every kind, and metadata in every kind of trouble."""
-from lvm_disks import AREA_SIZE, EXTENT, group, physical_volume, segment, stripes, volume
+import struct
+
+from lvm_disks import AREA_SIZE, EXTENT, crc, group, physical_volume, segment, stripes, volume
 from stack_support import DATA, StackTest, noise
 
 
@@ -111,6 +113,23 @@ class Volumes(StackTest):
             if is_usable:
                 self.check_content("vg0/v", ["p1"], extents(self.content[1], 1, 2))
                 self.assertIn("the other copy", self.message("-d", "p1", "ls", "vg0/v", status=1))
+
+    def test_right_checksums_of_what_makes_no_sense(self):
+        whole = physical_volume(1, group([self.simple], {1: 16}), self.content[1])
+        areas = [4096, len(whole) - AREA_SIZE]
+        # Of a sector: where its checksum lies, and where what is summed begins.
+        label, header = (16, 20), (0, 4)
+        for sectors, (place, start), at, value, words in (
+                ([512], label, 8, b"\2", "it makes no sense"),
+                ([512], label, 96, b"\1" * 416, "its lists do not end"),
+                (areas, header, 20, b"\2", "its header makes no sense"),
+                (areas, header, 46, b"\1", "its text lies outside of it")):
+            image = bytearray(whole)
+            for sector in sectors:
+                image[sector + at:sector + at + len(value)] = value
+                struct.pack_into("<I", image, sector + place, crc(image[sector + start:sector + 512]))
+            self.disk("p1", image)
+            self.assertIn(words, self.scan(["p1"])["p1"]["note"])
 
     def test_places_and_copies_of_the_metadata(self):
         def at(extent, seqno):
