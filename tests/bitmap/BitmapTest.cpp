@@ -131,7 +131,6 @@ TEST_P(BitmapKinds, AnInactiveBitmapIsOneSetRun) {
     EXPECT_EQ(bitmap.getExtent(10, 80, set), 80U);
     EXPECT_TRUE(set);
     EXPECT_EQ(refusedBy(bitmap, 0, 100), "setBit setRegion clearRegion isUint8Set isUint64Set ");
-    EXPECT_THROW(bitmap.getExtent(0, 101, set), OrmaError);
 }
 
 // Nothing may be read or written where there are no bits: before `init` and after `freeMemory`.
@@ -155,7 +154,6 @@ TEST_P(BitmapKinds, DumpWritesTheSetRuns) {
     // The first look takes the bytes for a number of sectors.
     EXPECT_EQ(readFile(path), "Size of file = [40] bytes. Number of sectors = [300] \n"
                               " [0]   [40] \n [40]   [20] \n [299]   [1] \n");
-    EXPECT_NO_THROW(bitmap.dump(folder / "no such folder/runs"));
     init(7);
     EXPECT_THROW(bitmap.dump(folder / "runs"), OrmaError);
     EXPECT_EQ(readFile(path), "Size of file = [8] bytes. Number of sectors = [7] \n");
@@ -210,28 +208,30 @@ TEST(Bitmap, TheMappedKindIsClearAndItsFileNeverHoldsABit) {
         path = tempFileIn(log);
         EXPECT_TRUE(path.starts_with("/tmp/dorado_bitmap_test")) << path;
         EXPECT_EQ(readFile(path), std::string(40960, '\0'));
-        EXPECT_THAT(
-            log.lines(),
-            testing::ElementsAre(
-                "init:RvpBitmapX64 <INFO> Using RvpBitmap",
-                "init:RvpBitmapX64 <INFO>  Size of file = [4096] bytes. Number of sectors = "
-                "[32768] ",
-                "createBitmapFile:RvpBitmapX64 <DEBUG> Temp file name for bitmapfile: " + path,
-                "allocMemory:RvpBitmapX64 <INFO> File map done, allocated [8192] ",
-                "allocMemory:RvpBitmapX64 <INFO> Map view done "));
     }
     EXPECT_FALSE(exists(path));
+    const std::vector<std::string> expected = {
+        "init:RvpBitmapX64 <INFO> Using RvpBitmap",
+        "init:RvpBitmapX64 <INFO>  Size of file = [4096] bytes. Number of sectors = [32768] ",
+        "createBitmapFile:RvpBitmapX64 <DEBUG> Temp file name for bitmapfile: " + path,
+        "allocMemory:RvpBitmapX64 <INFO> File map done, allocated [8192] ",
+        "allocMemory:RvpBitmapX64 <INFO> Map view done "};
+    EXPECT_EQ(log.lines(), expected);
     EXPECT_TRUE(lieInOrder(&RvpMap::isSet, &RvpMap::setBit, &RvpMap::init));
 }
 
-// 32 GiB of bits; only the pages that are touched need memory.
+// 32 GiB of bits; only the pages that are touched need memory. A silent host is told nothing of it.
 TEST(Bitmap, AMappedBitmapMayBeLargerThanTheMemory) {
+    km_debug_level = 0;
+    const LogCapture log;
     constexpr unsigned long LAST = (1UL << 38) - 1;
     RvpBitmap bitmap(RvpBitmap::FILE_MAPPING);
     bitmap.init(LAST + 1, true, 0, PREFIX);
     bitmap.setBit(LAST);
     bool set = true;
     EXPECT_EQ(bitmap.getExtent(LAST - 99'999, 100'000, set), 99'999U);
+    bitmap.dump("no such folder/runs");
+    EXPECT_TRUE(log.caught.empty());
 }
 
 void setLimit(__rlimit_resource resource, rlim_t value) {

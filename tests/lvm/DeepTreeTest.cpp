@@ -29,8 +29,7 @@ Node chain(const std::string& name, Node::DataType type) {
 TEST(LvmDeepTree, ParsedSectionsAreLimited) {
     for (const int depth : {1000, 1001, 200000}) {
         LvmConfig config;
-        const std::string tree = readText(config, repeated("a{", depth) + repeated("}", depth));
-        EXPECT_EQ(tree,
+        EXPECT_EQ(readText(config, repeated("a{", depth) + repeated("}", depth)),
                   (depth == 1000 ? "{" : "error {") + repeated("a{", 1000) + repeated("}", 1001));
     }
 }
@@ -46,8 +45,7 @@ TEST(LvmDeepTree, CopiedAssignedDumpedAndFreed) {
     EXPECT_EQ(dumpText(values), "k = k");
 
     // Written out, the blanks of these sections would take two terabytes.
-    std::ostringstream failed;
-    failed.setstate(std::ios::badbit);
+    std::ostream failed(nullptr);
     EXPECT_FALSE(chain("s", Node::SET).dump(failed, 0));
 }
 

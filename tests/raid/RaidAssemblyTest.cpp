@@ -126,6 +126,7 @@ TEST(RaidAssembly, NumbersVersion10ArraysByTheirSetNames) {
         {":12", 12, "/dev/md12"},
         {"9lives", 9, "/dev/md9"},
         {"backup", NONE, "/dev/md_backup"},
+        {"", NONE, "/dev/md_"},
         {"server1:backup", 0, "/dev/md0"},
         {"3:4:5", 4, "/dev/md4"},
         {"h:-1", NONE, "/dev/md_h:-1"},
