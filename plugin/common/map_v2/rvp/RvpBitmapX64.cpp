@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <bit>
 #include <climits>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
@@ -84,7 +85,18 @@ const std::uint8_t RvpBitmap::BitMask[8] = {0x01, 0x02, 0x04, 0x08, 0x10, 0x20, 
 
 RvpBitmap::RvpBitmap(int storageKind)
     : m_storageKind(storageKind), m_inactive(false), m_bits(nullptr), m_size(0), m_sectors(0),
-      m_mapLength(0), m_descriptor(-1), m_mapSize(0) {}
+      m_mapLength(0), m_descriptor(-1), m_mapSize(0) {
+// The fields' places are part of the binary interface. The type is not of standard layout, yet the
+// compilers at hand define offsetof for all but virtual bases.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Winvalid-offsetof"
+    static_assert(offsetof(RvpBitmap, m_storageKind) == 8 && offsetof(RvpBitmap, m_inactive) == 12);
+    static_assert(offsetof(RvpBitmap, m_bits) == 16 && offsetof(RvpBitmap, m_size) == 24);
+    static_assert(offsetof(RvpBitmap, m_sectors) == 32 && offsetof(RvpBitmap, m_mapLength) == 40);
+    static_assert(offsetof(RvpBitmap, m_fileName) == 48 && offsetof(RvpBitmap, m_descriptor) == 80);
+    static_assert(offsetof(RvpBitmap, m_mapSize) == 88);
+#pragma GCC diagnostic pop
+}
 
 RvpBitmap::~RvpBitmap() {
     freeMemory();
