@@ -9,7 +9,8 @@
 
 namespace {
 
-enum Index : uint64_t { ROOT = 2, ENDLESS, HOLES, ZERO, HUGE_RUN, STUCK, OVERRUN, SHORT, PLAIN };
+// Directories come first.
+enum Index : uint64_t { ROOT = 2, STUCK, OVERRUN, SHORT, PLAIN, ENDLESS, HOLES, ZERO, HUGE_RUN };
 
 struct Entry {
     Index index;
@@ -29,10 +30,6 @@ constexpr Entry ENTRIES[] = {{ENDLESS, "endless"},
                              {PLAIN, "../evil"},
                              {PLAIN, "/tmp/rvpmap-evil"},
                              {PLAIN, "a/b"}};
-
-bool isDirectory(uint64_t index) {
-    return index == ROOT || index == STUCK || index == OVERRUN || index == SHORT;
-}
 
 uint32_t putEntry(char* to, const Entry& entry, uint64_t next) {
     fso_dir_entry record = {};
@@ -61,64 +58,45 @@ class HostileVolume : public IFileSystemObjectV1 {
     }
     uint32_t openFile(uint64_t index, fso_file_record* record, uint32_t* /*flags*/) override {
         *record = {};
-        record->mode = isDirectory(index) ? S_IFDIR : S_IFREG;
+        record->mode = index < PLAIN ? S_IFDIR : S_IFREG;
         record->size = 4096;
         record->index = index;
         return FSO_OK;
     }
     uint32_t readDir(uint64_t index, fso_dir_request* request, uint32_t* count) override {
         char* to = reinterpret_cast<char*>(request->buffer);
-        *count = 1;
-        switch (index) {
-        case STUCK:
-            request->resultCount = putEntry(to, {PLAIN, "again"}, 1);
+        request->resultCount = 0;
+        *count = 0;
+        if (index == ROOT) {
+            for (uint64_t i = request->position; i < std::size(ENTRIES); ++i, ++*count) {
+                request->resultCount += putEntry(to + request->resultCount, ENTRIES[i], i + 1);
+            }
             return FSO_OK;
-        case OVERRUN:
-            request->resultCount = putEntry(to, {PLAIN, "x"}, 1) - 8;
-            return FSO_OK;
-        case SHORT:
-            request->resultCount = 8;
-            return FSO_OK;
-        default:
-            return readRoot(to, request, count);
         }
+        const uint32_t length = putEntry(to, {PLAIN, "again"}, 1);
+        request->resultCount = index == STUCK ? length : index == OVERRUN ? length - 8 : 8;
+        *count = 1;
+        return FSO_OK;
     }
     uint32_t getExtents(uint64_t index, uint64_t offset, fso_extent* extents, uint32_t /*capacity*/,
                         uint32_t* count) override {
-        *count = 1;
         extents[0] = {offset % 32768, 1024, 0, 0};
-        switch (index) {
-        case HOLES:
-            extents[0].flags = FSO_EXTENT_HOLE;
-            break;
-        case ZERO:
-            extents[0].length = 0;
-            break;
-        case HUGE_RUN:
-            extents[0].length = offset == 0 ? 512 : ~uint64_t{0} - 511;
-            break;
-        case ENDLESS:
-            break;
-        default:
+        if (index <= PLAIN) {
             extents[0].flags = FSO_EXTENT_LAST;
+        } else if (index == HOLES) {
+            extents[0].flags = FSO_EXTENT_HOLE;
+        } else if (index == ZERO) {
+            extents[0].length = 0;
+        } else if (index == HUGE_RUN) {
+            extents[0].length = offset == 0 ? 512 : UINT64_MAX - 511;
         }
+        *count = 1;
         return FSO_OK;
     }
     uint32_t getMetadata(uint64_t /*index*/, fso_metadata* /*metadata*/) override {
         return FSO_UNSUPPORTED;
     }
     uint32_t closeFile(uint64_t /*index*/) override { return FSO_OK; }
-
-  private:
-    static uint32_t readRoot(char* to, fso_dir_request* request, uint32_t* count) {
-        request->resultCount = 0;
-        *count = 0;
-        for (uint64_t i = request->position; i < std::size(ENTRIES); ++i) {
-            request->resultCount += putEntry(to + request->resultCount, ENTRIES[i], i + 1);
-            ++*count;
-        }
-        return FSO_OK;
-    }
 };
 
 const fso_info INFO = {"hostile", "1", "test", nullptr};
