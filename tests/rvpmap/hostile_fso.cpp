@@ -2,6 +2,7 @@
 // way in which a caller could be led into an endless loop or outside its buffer.
 #include "fso/IFileSystemObjectV1.h"
 
+#include <algorithm>
 #include <cstring>
 #include <iterator>
 #include <string_view>
@@ -9,36 +10,21 @@
 
 namespace {
 
-// Directories come first.
-enum Index : uint64_t { ROOT = 2, STUCK, OVERRUN, SHORT, PLAIN, ENDLESS, HOLES, ZERO, HUGE_RUN };
+enum Index : uint64_t { ROOT = 2, STUCK, OVERRUN, SHORT, ENDLESS, HOLES, ZERO, HUGE_RUN, PLAIN };
 
-struct Entry {
-    Index index;
-    std::string_view name;
-};
-constexpr Entry ENTRIES[] = {{ENDLESS, "endless"},
-                             {HOLES, "holes"},
-                             {ZERO, "zero"},
-                             {HUGE_RUN, "huge"},
-                             {STUCK, "stuck"},
-                             {OVERRUN, "overrun"},
-                             {SHORT, "short"},
-                             {PLAIN, "plain"},
-                             {PLAIN, ".."},
-                             {PLAIN, "."},
-                             {PLAIN, ""},
-                             {PLAIN, "../evil"},
-                             {PLAIN, "/tmp/rvpmap-evil"},
-                             {PLAIN, "a/b"}};
+// In the order of their indices; all further names are the plain file's.
+constexpr std::string_view NAMES[] = {
+    "stuck", "overrun", "short",   "endless",          "holes", "zero", "huge", "plain", "..",
+    ".",     "",        "../evil", "/tmp/rvpmap-evil", "a/b"};
 
-uint32_t putEntry(char* to, const Entry& entry, uint64_t next) {
+uint32_t putEntry(char* to, uint64_t index, std::string_view name, uint64_t next) {
     fso_dir_entry record = {};
-    record.index = entry.index;
+    record.index = index;
     record.next = next;
     record.recordLength = sizeof record + 24;
-    record.nameLength = static_cast<uint32_t>(entry.name.size());
+    record.nameLength = static_cast<uint32_t>(name.size());
     std::memcpy(to, &record, sizeof record);
-    entry.name.copy(to + sizeof record, entry.name.size());
+    name.copy(to + sizeof record, name.size());
     return record.recordLength;
 }
 
@@ -58,7 +44,7 @@ class HostileVolume : public IFileSystemObjectV1 {
     }
     uint32_t openFile(uint64_t index, fso_file_record* record, uint32_t* /*flags*/) override {
         *record = {};
-        record->mode = index < PLAIN ? S_IFDIR : S_IFREG;
+        record->mode = index < ENDLESS ? S_IFDIR : S_IFREG;
         record->size = 4096;
         record->index = index;
         return FSO_OK;
@@ -68,27 +54,29 @@ class HostileVolume : public IFileSystemObjectV1 {
         request->resultCount = 0;
         *count = 0;
         if (index == ROOT) {
-            for (uint64_t i = request->position; i < std::size(ENTRIES); ++i, ++*count) {
-                request->resultCount += putEntry(to + request->resultCount, ENTRIES[i], i + 1);
+            for (uint64_t i = request->position; i < std::size(NAMES); ++i, ++*count) {
+                request->resultCount +=
+                    putEntry(to + request->resultCount, std::min<uint64_t>(STUCK + i, PLAIN),
+                             NAMES[i], i + 1);
             }
             return FSO_OK;
         }
-        const uint32_t length = putEntry(to, {PLAIN, "again"}, 1);
+        const uint32_t length = putEntry(to, PLAIN, "again", 1);
         request->resultCount = index == STUCK ? length : index == OVERRUN ? length - 8 : 8;
         *count = 1;
         return FSO_OK;
     }
     uint32_t getExtents(uint64_t index, uint64_t offset, fso_extent* extents, uint32_t /*capacity*/,
                         uint32_t* count) override {
-        extents[0] = {offset % 32768, 1024, 0, 0};
-        if (index <= PLAIN) {
-            extents[0].flags = FSO_EXTENT_LAST;
+        extents[0] = {offset % 32768, 1024, FSO_EXTENT_LAST, 0};
+        if (index == ENDLESS) {
+            extents[0].flags = 0;
         } else if (index == HOLES) {
             extents[0].flags = FSO_EXTENT_HOLE;
         } else if (index == ZERO) {
-            extents[0].length = 0;
+            extents[0] = {};
         } else if (index == HUGE_RUN) {
-            extents[0].length = offset == 0 ? 512 : UINT64_MAX - 511;
+            extents[0] = {0, offset == 0 ? 512 : UINT64_MAX - 511, 0, 0};
         }
         *count = 1;
         return FSO_OK;

@@ -2,11 +2,9 @@
 import csv
 import io
 import os
-import socket
 import stat
-import subprocess
 
-from support import TOOL, ToolTest
+from support import ToolTest
 
 TYPES = {stat.S_IFREG: "file", stat.S_IFDIR: "directory", stat.S_IFLNK: "symlink",
          stat.S_IFIFO: "fifo", stat.S_IFSOCK: "socket"}
@@ -32,41 +30,34 @@ class Volumes(ToolTest):
         self.debugfs("feature needs_recovery")
         self.assertIn("journal holds changes", self.message("ls", "image", status=0))
 
-    def test_what_is_no_file_system(self):
-        (self.folder / "short").write_bytes(b"x" * 100)
-        (self.folder / "noise").write_bytes(os.urandom(1 << 20))
-        for name in ("short", "noise"):
-            self.assertEqual(self.text("claim", name, status=1), "none\n")
-            self.assertIn(f"rvpmap: {name}: is not claimed", self.message("ls", name, status=1))
-        self.assertIn("rvpmap: missing: No such file", self.message("claim", "missing", status=3))
-        self.assertIn("neither", self.message("claim", "source", status=3))
-
-    def test_volume_within_a_file(self):
+    def test_what_can_be_a_volume(self):
         self.image()
         inner = (self.folder / "image").read_bytes()
         (self.folder / "disk").write_bytes(b"\0" * 4096 + inner)
         for name in ("disk@4096", "disk@0x1000", "disk@4K"):
             self.assertEqual(self.text("ls", name), "lost+found\n")
-        self.text("claim", "disk@4095", status=1)
-        for name in (f"disk@{len(inner) + 4097}", "disk@nonsense"):
-            self.message("claim", name, status=3)
-        (self.folder / "disk@4096").write_bytes(b"no file system")
-        self.text("claim", "disk@4096", status=1)
+        (self.folder / "short").write_bytes(b"x" * 100)
+        (self.folder / "disk@4096").write_bytes(os.urandom(1 << 20))
+        for name in ("short", "disk@4096", "disk@4095"):
+            self.assertEqual(self.text("claim", name, status=1), "none\n")
+            self.assertIn(f"rvpmap: {name}: is not claimed", self.message("ls", name, status=1))
+        for name, words in (("missing", "rvpmap: missing: No such file"), ("source", "neither"),
+                            (f"disk@{len(inner) + 4097}", "is past the end of disk"),
+                            ("disk@nonsense", "No such file")):
+            self.assertIn(words, self.message("claim", name, status=3))
 
     def test_usage(self):
-        for wrong in ([], ["nonsense"], ["ls"], ["ls", "--nonsense", "image"], ["ls", ""],
-                      ["extract", "image", "/x"], ["extract", "-r", "image", "/", "-o", "-"],
-                      ["--trace=9", "ls", "image"], ["owner", "image"],
-                      ["catalog", "--format", "xml", "image"],
+        for wrong in ([], ["nonsense"], ["ls", ""], ["--trace=9", "ls", "image"],
+                      ["map", "image"], ["owner", "image"],
+                      ["extract", "-r", "image", "/", "-o", "-"],
                       ["catalog", "--json", "--format", "csv", "image"],
                       ["catalog", "--format", "sqlite", "image"],
                       ["catalog", "--format", "csv", "-o", "c", "image"]):
             self.assertIn("rvpmap: ", self.message(*wrong, status=2))
-        self.assertIn("rvpmap", self.text("--version"))
 
 
 class Files(ToolTest):
-    def fill(self):
+    def test_attributes_are_those_of_the_source(self):
         (self.source / "plain").write_bytes(b"x" * 3000)
         os.chmod(self.source / "plain", 0o4750)
         os.link(self.source / "plain", self.source / "hard")
@@ -74,59 +65,36 @@ class Files(ToolTest):
         (self.source / "d" / "inner").touch()
         os.symlink("d/inner", self.source / "link")
         os.mkfifo(self.source / "fifo")
-        with socket.socket(socket.AF_UNIX) as listener:
-            listener.bind(str(self.source / "socket"))
+        os.mknod(self.source / "socket", stat.S_IFSOCK | 0o644)
         self.image()
-
-    def test_attributes_are_those_of_the_source(self):
-        self.fill()
-        entries = {entry["name"]: entry for entry in self.json("ls", "image")}
-        self.assertEqual(set(entries), set(os.listdir(self.source)) | {"lost+found"})
-        self.assertEqual(entries["hard"]["index"], entries["plain"]["index"])
-        for name in os.listdir(self.source):
-            known = os.lstat(self.source / name)
-            found = self.json("stat", "image", f"/{name}")
-            self.assertEqual(found["type"], TYPES[stat.S_IFMT(known.st_mode)])
-            self.assertEqual([found["mode"], found["uid"], found["gid"]],
-                             [known.st_mode, known.st_uid, known.st_gid])
-            self.assertEqual(found["size"], 0 if name == "d" else known.st_size)
-            self.assertEqual(entries[name], {key: found.get(key, name) for key in entries[name]})
-            self.assertEqual(found.get("target"), "d/inner" if name == "link" else None)
-        self.assertEqual(self.json("stat", "image", "plain")["nlink"], 2)
-        self.assertIn("-rwsr-x---   2", self.text("ls", "-l", "image"))
-        self.assertIn("link -> d/inner", self.text("ls", "-l", "image"))
-
-    def test_recursive_list_catalog_and_paths(self):
-        self.fill()
         listed = self.text("ls", "-R", "image").splitlines()
-        self.assertEqual(sorted(listed), sorted(
-            ["/lost+found", *(f"/{path.relative_to(self.source)}"
-                              for path in self.source.rglob("*"))]))
-        self.assertEqual(self.text("ls", "-R", "image", "/d"), "/d/inner\n")
+        below = {f"/{path.relative_to(self.source)}" for path in self.source.rglob("*")}
+        self.assertEqual(sorted(listed), sorted(below | {"/lost+found"}))
+        entries = {entry["path"]: entry for entry in self.json("ls", "-R", "image")}
         files = self.catalog("image", "--extents")
         self.assertEqual([file["path"] for file in files], ["/", *listed])
         for file in files:
-            extents = self.json("extents", "image", file["path"])["extents"]
-            self.assertEqual(file.pop("extents"), extents)
-            self.assertEqual(file, self.json("stat", "image", file["path"]))
+            path = file["path"]
+            self.assertEqual(self.json("extents", "image", path)["extents"], file.pop("extents"))
+            self.assertEqual(self.json("stat", "image", path), file)
+            if path in below:
+                known = os.lstat(f"{self.source}{path}")
+                self.assertEqual(file["type"], TYPES[stat.S_IFMT(known.st_mode)])
+                self.assertEqual([file["mode"], file["uid"], file["gid"], file["size"]],
+                                 [known.st_mode, known.st_uid, known.st_gid,
+                                  0 if path == "/d" else known.st_size])
+                self.assertEqual(file.get("target"), "d/inner" if path == "/link" else None)
+                self.assertEqual(entries[path], {**{key: file.get(key) for key in entries[path]},
+                                                 "name": os.path.basename(path)})
+        self.assertEqual(entries["/hard"]["index"], entries["/plain"]["index"])
+        self.assertIn("-rwsr-x---   2", self.text("ls", "-l", "image"))
+        self.assertIn("link -> d/inner", self.text("ls", "-l", "image"))
+        self.assertEqual(self.text("ls", "-R", "image", "/d"), "/d/inner\n")
         for path in ("d/inner", "//d//inner", "/d/./inner", "/d/../d/inner"):
             self.assertEqual(self.json("stat", "image", path)["path"], "/d/inner")
         for path in ("/nothing", "/plain/x", "/link/x", "/d/inner/x", "/D"):
             self.assertIn("rvpmap: image: /", self.message("stat", "image", path, status=1))
         self.message("ls", "image", "/plain", status=1)
-
-    def test_colours_only_where_wanted(self):
-        (self.source / "d").mkdir()
-        self.image()
-        self.assertNotIn("\033", self.text("ls", "image"))
-        self.assertIn("\033[1;34md\033[0m", self.text("ls", "--color", "always", "image"))
-        for environment, coloured in (({}, True), ({"NO_COLOR": "1"}, False)):
-            main, end = os.openpty()
-            subprocess.run([TOOL, "ls", "image"], cwd=self.folder, stdout=end, check=True,
-                           env={**os.environ, **environment})
-            self.assertEqual(b"\033[1;34m" in os.read(main, 4096), coloured)
-            os.close(main)
-            os.close(end)
 
     def test_times(self):
         (self.source / "t").touch()
@@ -143,17 +111,17 @@ class Files(ToolTest):
         self.assertIn('"crtime":null', self.text("stat", "--json", "image", "/t"))
 
     def test_names_of_any_bytes(self):
-        shown = {b"bad\xff": "bad\ufffd", b"over\xc0\xaf": "over\ufffd\ufffd",
-                 b"surrogate\xed\xa0\x80": "surrogate\ufffd\ufffd\ufffd"}
-        plain = ["gr\u00fc\u00df", 'quote"comma,', "line\r\nbreak", "back\\slash", "bell\x07"]
-        for name in [*shown, *map(str.encode, plain)]:
-            with open(os.path.join(os.fsencode(self.source), name), "wb"):
-                pass
+        shown = {text.encode(): text for text in ("gr\u00fc\u00df", 'quote"comma,', "line\r\nbreak",
+                                                  "back\\slash", "bell\x07")}
+        broken = {b"bad\xff": "bad\ufffd", b"over\xc0\xaf": "over\ufffd\ufffd",
+                  b"surrogate\xed\xa0\x80": "surrogate\ufffd\ufffd\ufffd"}
+        for name in [*shown, *broken]:
+            (self.source / os.fsdecode(name)).touch()
         os.symlink(b"to\xfe", self.source / "link")
         self.image()
         names = {(entry["name"], entry.get("name_hex")) for entry in self.json("ls", "image")}
-        self.assertEqual(names, {(text, raw.hex()) for raw, text in shown.items()} |
-                         {(text, None) for text in [*plain, "link", "lost+found"]})
+        self.assertEqual(names, {(text, raw.hex()) for raw, text in broken.items()} |
+                         {(text, None) for text in [*shown.values(), "link", "lost+found"]})
         link = self.json("stat", "image", "/link")
         self.assertEqual((link["target"], link["target_hex"]), ("to\ufffd", b"to\xfe".hex()))
         listed = self.run_tool("ls", "image").stdout
@@ -164,12 +132,4 @@ class Files(ToolTest):
         rows = list(csv.reader(io.StringIO(raw.decode("latin-1"), newline="")))
         self.assertEqual({len(row) for row in rows}, {15})
         paths = {row[0].encode("latin-1") for row in rows[1:]}
-        self.assertLess({b"/" + name for name in [*shown, *map(str.encode, plain)]}, paths)
-
-    def test_large_directory(self):
-        names = [f"{number:05}-{'n' * 40}" for number in range(5000)]
-        for name in names:
-            (self.source / name).touch()
-        self.image("-N", "6000")
-        self.assertEqual(self.text("ls", "image").split(), names + ["lost+found"])
-        self.assertEqual(sorted(self.text("ls", "-U", "image").split()), names + ["lost+found"])
+        self.assertLess({b"/" + name for name in [*shown, *broken]}, paths)
