@@ -16,10 +16,9 @@ import pathlib
 import random
 import re
 import subprocess
-import sys
 import tempfile
+from functools import partial
 
-SECTOR = 512
 BASES = (
     "-t ext2 -b 1024 -I 128",
     "-t ext3 -b 1024 -J size=1",
@@ -40,8 +39,7 @@ volumes = []
 
 
 def command(*arguments):
-    done = subprocess.run(arguments, check=True, capture_output=True)
-    return done.stdout.decode(errors="replace")
+    return subprocess.check_output(arguments, stderr=subprocess.DEVNULL).decode(errors="replace")
 
 
 class Volume:
@@ -59,8 +57,9 @@ class Volume:
             found = re.findall(rf"{kind.capitalize()}? at (\d+)(?:-(\d+))?", tables)
             for first, last in found[:2]:
                 self.add(kind, first, min(int(last or first) - int(first) + 1, 24))
-        for name in ("/", "/many", "/sparse", "/whole", "/tiny", "/short link", "/long link", "<8>"):
-            self.find_file(name)
+        for path in ("/", "/many", "/sparse", "/whole", "/tiny", "/short link", "/long link",
+                     "<8>"):
+            self.find_file(path)
 
     def fill(self, source):
         (source / "many").mkdir(parents=True)
@@ -124,19 +123,8 @@ class Volume:
             image[at:end] = self.bytes[source:source + end - at]
 
 
-def sectors_of(path):
-    """(offset, bytes) of all of a file that is no hole."""
-    with open(path, "rb") as file, contextlib.suppress(OSError):  # behind the last data
-        at = 0
-        while True:
-            at = file.seek(at, os.SEEK_DATA)
-            yield at, file.read(SECTOR)
-            at += SECTOR
-
-
 def check_tree(image, catalogue):
-    """The problems of the extracted files."""
-    sectors = {image[at:at + SECTOR] for at in range(0, len(image), SECTOR)}
+    sectors = {image[at:at + 512] for at in range(0, len(image), 512)}
     sizes = {}
     for file in map(json.loads, catalogue.splitlines()):
         raw = bytes.fromhex(file["path_hex"]) if "path_hex" in file else file["path"].encode()
@@ -145,12 +133,15 @@ def check_tree(image, catalogue):
     for path in files.split(b"\0")[:-1]:
         if os.path.getsize(path) > sizes.get(path, -1):
             yield f"{path}: longer than {sizes.get(path)}"
-        for at, piece in sectors_of(path):
-            # A file's last bytes fill no sector, and 60 of those within an inode lie apart.
-            parts = (piece[:60].rstrip(b"\0"), piece[60:].rstrip(b"\0"))
-            if piece not in sectors and not all(part in image for part in parts):
-                yield f"{path}: byte {at}: not in the image"
-                break
+        with open(path, "rb") as file, contextlib.suppress(OSError):  # behind the last data
+            while True:
+                at = file.seek(file.tell(), os.SEEK_DATA)
+                piece = file.read(512)
+                # A file's last bytes fill no sector, and 60 of those within an inode lie apart.
+                parts = (piece[:60].rstrip(b"\0"), piece[60:].rstrip(b"\0"))
+                if piece not in sectors and not all(part in image for part in parts):
+                    yield f"{path}: byte {at}: not in the image"
+                    break
 
 
 def run(tool, image, commands):
@@ -174,8 +165,7 @@ def run(tool, image, commands):
     return ends, problems
 
 
-def work(job):
-    number, options = job
+def work(options, number):
     image, kind = volumes[number % len(BASES)].variant(number)
     turn = 3 + number % (len(COMMANDS) - 3)
     commands = COMMANDS if options.every_command else (*COMMANDS[:3], COMMANDS[turn])
@@ -202,10 +192,9 @@ def main():
         with tempfile.TemporaryDirectory(prefix="damage-") as folder:
             os.chdir(folder)
             volumes.append(Volume(base))
-    jobs = [(number, options) for number in range(options.variants)]
     ends, bad = [], 0
     with multiprocessing.Pool(2) as pool:
-        for more, problems in pool.imap_unordered(work, jobs, chunksize=4):
+        for more, problems in pool.imap(partial(work, options), range(options.variants), 4):
             ends += more
             bad += bool(problems)
             print(*problems, sep="", end="", flush=True)
@@ -218,4 +207,4 @@ def main():
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    raise SystemExit(main())

@@ -1,6 +1,7 @@
 """map: the picture is well-formed, bounded, and shows what lies where."""
 import os
 import re
+import resource
 import xml.etree.ElementTree
 
 from support import ToolTest
@@ -71,3 +72,7 @@ class Map(ToolTest):
         for words in ("image", "/small", "/d", "5 files", "3.0 KiB", "2 MiB", "14 MiB",
                       '/<&">\\x07\\xff\\n', 'a<b>&"c'):
             self.assertTrue(any(words in text for text in texts), words)
+        # A file that may not grow holds no bitmap.
+        done = self.run_tool("map", "image", "-o", "m.svg", status=3, preexec_fn=lambda:
+                             resource.setrlimit(resource.RLIMIT_FSIZE, (100, 100)))
+        self.assertIn(b"no bitmap of 16384 blocks can be made: File too large", done.stderr)

@@ -19,7 +19,6 @@ class Volumes(ToolTest):
             "volume": "image", "name": "my volume",
             "uuid": "01234567-89ab-cdef-0123-456789abcdef", "block_size": 1024,
             "block_count": 16384, "root_index": 2, "filesystem": "ext4"})
-        self.assertIn("16.0MB", self.text("info", "image"))
         self.assertIn("libdorado.so is missing",
                       self.message("--root", "source", "ls", "image", status=3))
         self.assertEqual(self.message("ls", "image", status=0), "")
@@ -127,7 +126,6 @@ class Files(ToolTest):
         listed = self.run_tool("ls", "image").stdout
         for line in (b"bell\\x07\n", b"bad\\xff\n", "gr\u00fc\u00df\n".encode()):
             self.assertIn(line, listed)
-        self.run_tool("stat", "image", b"/bad\xff")
         raw = self.run_tool("catalog", "--format", "csv", "--extents", "image").stdout
         rows = list(csv.reader(io.StringIO(raw.decode("latin-1"), newline="")))
         self.assertEqual({len(row) for row in rows}, {15})
