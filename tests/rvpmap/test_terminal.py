@@ -33,8 +33,7 @@ class Terminal(ToolTest):
                                (["catalog", "image"], f"catalog{bar}\\d+ files, \\d+/s")):
             shown = self.shown(*READ_SLOWLY, *command)
             self.assertRegex(shown, words)
-            # The line is cleared in the end.
-            self.assertTrue(shown.endswith("\r\033[K"), shown[-40:])
+            self.assertTrue(shown.endswith("\r\033[K"), shown[-40:])  # the line is cleared
             silent = subprocess.run([*READ_SLOWLY, *command], cwd=self.folder, check=True,
                                     stderr=subprocess.PIPE)
             self.assertEqual(silent.stderr, b"")
