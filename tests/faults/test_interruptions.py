@@ -9,7 +9,6 @@ import time
 from support import TOOL, ToolTest
 
 INTERRUPTIONS = int(os.environ.get("INTERRUPTIONS", "200"))
-BIG = 12 << 20
 SIGNALS = (signal.SIGINT, signal.SIGTERM, signal.SIGKILL)
 TO_STANDARD_OUTPUT = ("ls -R image", "extents image /big", "extract image /big -o -", "claim image",
                       "catalog --extents --format ndjson image", "catalog --format csv image",
@@ -23,7 +22,7 @@ class Interruptions(ToolTest):
     def setUp(self):
         super().setUp()
         self.random = random.Random(20)
-        (self.source / "big").write_bytes(self.random.randbytes(BIG))
+        (self.source / "big").write_bytes(self.random.randbytes(12 << 20))
         (self.source / "d").mkdir()
         for number in range(600):
             (self.source / "d" / f"{number:03}{'n' * 150}").write_bytes(self.random.randbytes(4590))
@@ -93,7 +92,7 @@ class Interruptions(ToolTest):
                 if number:
                     tool.send_signal(number)
                 else:
-                    os.truncate(self.folder / "image", self.random.randrange(1 << 20, BIG))
+                    os.truncate(self.folder / "image", self.random.randrange(1 << 20, 12 << 20))
                 messages = tool.stderr.read()
             status, found = tool.returncode, self.results(folder)
             ended.append(status)
@@ -108,5 +107,6 @@ class Interruptions(ToolTest):
             if number or kind in ("file", "tree"):
                 self.check(kind, status, found)
             self.assertTrue("out" in found or not old)
+            self.command("rm", "-r", folder)
         print("ends by status:", {status: ended.count(status) for status in sorted(set(ended))})
         self.assertLessEqual({3, *(-number for number in SIGNALS)}, set(ended))
