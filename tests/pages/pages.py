@@ -1,129 +1,132 @@
-"""What the pages say is true: their code is the code in the tree and runs, their links lead somewhere.
-
-    pages.py CHECK SOURCE BUILD CMAKE
-"""
+"""What pages, manuals and completions say is true: pages.py CHECK SOURCE BUILD CMAKE"""
 import os
 import pathlib
 import re
-import shutil
-import sqlite3
 import subprocess
 import sys
 import tempfile
 
 SOURCE, BUILD, CMAKE = pathlib.Path(sys.argv[2]), pathlib.Path(sys.argv[3]), sys.argv[4]
-TOOL = BUILD / "bin" / "rvpmap"
 
 
 def code_blocks(page, language):
-    text = (SOURCE / "docs" / page).read_text()
-    return re.findall(rf"^```{language}\n(.*?)^```$", text, re.S | re.M)
+    return re.findall(rf"(?sm)^```{language}\n(.*?)^```$", (SOURCE / "docs" / page).read_text())
 
 
-def run(*command, **options):
-    done = subprocess.run([str(word) for word in command], capture_output=True, text=True, **options)
-    if done.returncode != 0:
-        sys.exit(f"{command}: {done.returncode}\n{done.stdout}{done.stderr}")
+def shell(script, **variables):
+    path = f"{BUILD}/bin:{os.environ['PATH']}:/usr/sbin:/sbin"
+    done = subprocess.run(["bash", "-euo", "pipefail", "-c", script], text=True, check=False,
+                          capture_output=True, env={**os.environ, "PATH": path, **variables})
+    assert done.returncode == 0, f"{script}: {done.returncode}\n{done.stdout}{done.stderr}"
     return done.stdout
 
 
-def shell(script, folder, **variables):
-    environment = dict(os.environ, PATH=f"{TOOL.parent}:{os.environ['PATH']}:/usr/sbin:/sbin")
-    environment.update({name: str(value) for name, value in variables.items()})
-    return run("bash", "-euo", "pipefail", "-c", script, cwd=folder, env=environment)
+def make_files():
+    shell("mkdir files; for i in {100..399}; do seq $i >files/name-$i; done; "
+          "seq 20000 >files/numbers; mke2fs -q -t ext4 -b 1024 -d files disk.img 8M")
 
 
-def install(folder):
-    run(CMAKE, "--install", BUILD, "--prefix", folder / "prefix")
-    return folder / "prefix"
-
-
-def make_volume(folder, name, label="volume"):
-    files = folder / f"files-{name}"
-    files.mkdir()
-    (files / "numbers").write_text("".join(f"{n} of {name}\n" for n in range(5000)))
-    (files / "short").write_text("short")
-    shell(f"mke2fs -q -F -t ext4 -b 1024 -L {label} -d {files} {name} 8M", folder)
-
-
-def check_hosts(folder):
+def check_hosts():
     host = SOURCE / "examples" / "host" / "main.cpp"
-    code = host.read_text()
-    assert code_blocks("hosts.md", "cpp") == [code], "docs/hosts.md shows other code than main.cpp"
-    assert len(code.splitlines()) <= 60, "the host has grown over 60 lines"
-    prefix = install(folder)
-    make_volume(folder, "disk.img")
+    assert code_blocks("hosts.md", "cpp") == [host.read_text()], "hosts.md shows other code"
+    assert len(host.read_text().splitlines()) <= 60, "the host has grown over 60 lines"
+    make_files()
+    index = re.search(r'"index":(\d+)', shell("rvpmap stat --json disk.img /numbers"))[1]
     script = code_blocks("hosts.md", "sh")[0]
-    script = script.replace("build/release", str(BUILD)).replace("/opt/dorado", str(prefix))
-    script = script.replace("examples/host/main.cpp", str(host)).replace("cmake ", f"{CMAKE} ", 1)
-    index = run(TOOL, "stat", "--json", folder / "disk.img", "/numbers")
-    index = re.search(r'"index":\s*(\d+)', index).group(1)
-    assert "disk.img 12\n" in script
-    lines = shell(script.replace("disk.img 12\n", f"disk.img {index} >runs\n") + "cat runs", folder)
-    runs = [line.split() for line in lines.splitlines() if not line.startswith("--")]
-    volume = (folder / "disk.img").read_bytes()
-    data = b"".join(volume[int(at):int(at) + int(length)] for _, at, length, _ in runs)
-    expected = (folder / "files-disk.img" / "numbers").read_bytes()
-    assert data[:len(expected)] == expected and len(data) - len(expected) < 1024, lines
-    failed = subprocess.run([folder / "host", prefix, folder / "disk.img", "9999999"],
-                            capture_output=True, text=True)
-    assert failed.returncode == 3 and "code 11: System call failed" in failed.stderr, failed
+    for old, new in (("build/release", BUILD), ("/opt/dorado", "$PWD/prefix"),
+                     ("cmake ", f"{CMAKE} "), ("examples/host/main.cpp", host),
+                     ("disk.img 12\n", f"disk.img {index}\n")):
+        script = script.replace(old, str(new))
+    volume = pathlib.Path("disk.img").read_bytes()
+    runs = re.findall(r"^ *\d+ +(\d+) +(\d+) \w+$", shell(script), re.M)
+    data = b"".join(volume[int(at):int(at) + int(length)] for at, length in runs)
+    assert data.rstrip(b"\0") == pathlib.Path("files", "numbers").read_bytes()
+    failed = shell("./host prefix disk.img 9999999 2>&1 || echo status $?")
+    assert re.search(r"code 11: System call failed.*\nstatus 3\n", failed), failed
 
 
-def check_file_systems(folder):
-    prefix = install(folder)
-    files = folder / "files"
-    files.mkdir()
-    for number in range(300):
-        (files / f"name-{number:03}").write_text("x" * number * 7)
-    (files / "numbers").write_text("".join(f"{n}\n" for n in range(20000)))
-    shell("cd files && tar --format=ustar -cf ../files.tar *", folder)
-    listing = shell(code_blocks("file-systems.md", "sh")[0], folder, prefix=prefix, source=SOURCE)
+def check_file_systems():
+    make_files()
+    shell(f"{CMAKE} --install {BUILD} --prefix prefix; cd files; "
+          "tar --format=ustar -cf ../files.tar *")
+    listing = shell(code_blocks("file-systems.md", "sh")[0], prefix=f"{os.getcwd()}/prefix",
+                    source=str(SOURCE))
     assert listing.count("name-") == 300, listing
-    assert (folder / "numbers").read_bytes() == (files / "numbers").read_bytes()
-    shell("rvpmap --root root extract -r files.tar / -o all && diff -r files all", folder)
-    make_volume(folder, "other.img")
-    refused = subprocess.run([TOOL, "--root", "root", "claim", "other.img"], cwd=folder,
-                             capture_output=True, text=True)
-    assert (refused.returncode, refused.stdout) == (1, "none\n"), refused
+    shell("cmp numbers files/numbers; "
+          "rvpmap --root root extract -r files.tar / -o all; diff -r files all")
+    assert shell("rvpmap --root root claim disk.img || echo $?") == "none\n1\n"
 
 
-def check_scale(folder):
-    (folder / "volumes").mkdir()
-    for number in range(12):
-        make_volume(folder, f"v{number:02}.img", label=f"vol{number:02}")
-        shutil.move(folder / f"v{number:02}.img", folder / "volumes")
-    (folder / "volumes" / "empty.img").write_bytes(bytes(1 << 20))
+def check_scale():
+    make_files()
+    shell("mkdir volumes; for i in {10..21}; do cp disk.img volumes/$i.img; "
+          "tune2fs -L vol$i volumes/$i.img; done; truncate -s 1M volumes/empty.img")
     make, merge = code_blocks("scale.md", "sh")[:2]
-    shell(make, folder)
-    assert len(list((folder / "catalogues").glob("*.db"))) == 12
-    assert (folder / "failed.txt").read_text() == "volumes/empty.img 1\n"
-    shell(merge, folder)
-    database = sqlite3.connect(folder / "fleet.db")
-    assert database.execute("SELECT count(*) FROM file WHERE path = '/short'").fetchone() == (12,)
-    answers = [database.execute(query).fetchall() for query in code_blocks("scale.md", "sql")]
-    assert all(answers), answers
+    shell(make)
+    assert pathlib.Path("failed.txt").read_text() == "volumes/empty.img 1\n"
+    shell(merge)
+    for query in ("SELECT 1 FROM file WHERE path = '/numbers' GROUP BY path HAVING count(*) = 12;",
+                  *code_blocks("scale.md", "sql")):
+        assert shell(f"sqlite3 fleet.db <<'END'\n{query}\nEND"), query
 
 
-def check_links(_folder):
-    pages = [SOURCE / "README.md", *sorted((SOURCE / "docs").glob("*.md"))]
-    for page in pages:
+def check_links():
+    for page in [SOURCE / "README.md", *(SOURCE / "docs").glob("*.md")]:
         for target in re.findall(r"\]\(([^)#:]+)(?:#[^)]*)?\)", page.read_text()):
             assert (page.parent / target).exists(), f"{page.name}: {target} is not there"
 
 
-def check_man(_folder):
-    for page in sorted((SOURCE / "docs").glob("*.[1-8]")):
-        done = subprocess.run(["man", "--warnings", "-E", "UTF-8", "-l", "-Tutf8", "-Z", page],
-                              capture_output=True, text=True, env=dict(os.environ, MANWIDTH="80"))
-        assert done.returncode == 0 and not done.stderr, f"{page.name}: {done.stderr}"
-    names = re.findall(r"^int (rvp_map_\w+)\(|^void (rvp_map_\w+)\(",
-                       (SOURCE / "include" / "kmp" / "rvp_map.h").read_text(), re.M)
+def check_man():
+    for page in (SOURCE / "docs").glob("*.[1-8]"):
+        messages = shell(f"MANWIDTH=80 man --warnings -E UTF-8 -l -Tutf8 -Z {page} 2>&1 >/dev/null")
+        assert not messages, f"{page.name}: {messages}"
+    header = (SOURCE / "include" / "kmp" / "rvp_map.h").read_text()
+    names = re.findall(r"^(?:int|void) (rvp_map_\w+)\(", header, re.M)
     manual = (SOURCE / "docs" / "libdorado.3").read_text()
-    assert len(names) == 24
-    for name in map("".join, names):
-        assert f"{name}(" in manual, f"libdorado(3) lacks {name}"
+    missing = [name for name in names if f"{name}(" not in manual]
+    assert len(names) == 24 and not missing, missing
+
+
+def check_api():
+    """No warning, and no word missing on anything that a host or a library author includes."""
+    for lines in ("", "EXTRACT_ALL=NO\nINPUT=include host/kmhost.h"):
+        shell(f"pages=$PWD; cd {SOURCE}; {{ cat {BUILD}/Doxyfile; echo OUTPUT_DIRECTORY=$pages; "
+              f"echo '{lines}'; }} | doxygen -; grep -q rvp_map_get_extent $pages/html/*map_8h*")
+
+
+def options(page):
+    return re.findall(r"^  (?:-\w,)?--(?!help|version)([a-z-]+)", page, re.M)
+
+
+def parts(text, command):
+    """What a completion says of one command."""
+    def those(pattern):
+        return "".join(part for part in re.split(r";;|\n(?=complete)", text)
+                       if re.search(pattern, part, re.M))
+    own = those(rf"^ *{command}\) |from [a-z ]*\b{command}\b") or those(r"^ *\*\) ")
+    return own + those(r"^ *_arguments|from \$comm")
+
+
+def check_completions():
+    """They know all commands, options and choices that help shows, and their shells accept them."""
+    overview = shell("rvpmap --help")
+    listed = overview.split("Subcommands:")[1].split("\n\n")[0]
+    pages = {command: shell(f"rvpmap {command} --help")
+             for command in re.findall(r"^  ([a-z]+) ", listed, re.M)}
+    assert len(pages) >= 10, pages
+    for name, file in (("bash", "rvpmap.bash"), ("zsh", "_rvpmap"), ("fish", "rvpmap.fish")):
+        path = SOURCE / "tools" / "rvpmap" / "completions" / file
+        assert not shell(f"! command -v {name} >/dev/null || {name} -n {path} 2>&1")
+        text = path.read_text().replace("-l ", "--")  # as fish has it
+        for option in options(overview):
+            assert f"--{option}" in text, (name, option)
+        for command, page in pages.items():
+            for option in options(page):
+                assert f"--{option}" in parts(text, command), (name, command, option)
+            for word in ",".join([command, *re.findall(r"TEXT:\{([^}]*)\}", page)]).split(","):
+                assert re.search(rf"\b{word}\b", text), (name, command, word)
 
 
 with tempfile.TemporaryDirectory(prefix="dorado-pages-") as work:
-    globals()[f"check_{sys.argv[1]}"](pathlib.Path(work))
+    os.chdir(work)
+    globals()[f"check_{sys.argv[1]}"]()

@@ -2,6 +2,7 @@
 // way in which a caller could be led into an endless loop or outside its buffer.
 #include "fso/IFileSystemObjectV1.h"
 
+#include <algorithm>
 #include <cstring>
 #include <iterator>
 #include <string_view>
@@ -9,39 +10,21 @@
 
 namespace {
 
-enum Index : uint64_t { ROOT = 2, ENDLESS, HOLES, ZERO, HUGE_RUN, STUCK, OVERRUN, SHORT, PLAIN };
+enum Index : uint64_t { ROOT = 2, STUCK, OVERRUN, SHORT, ENDLESS, HOLES, ZERO, HUGE_RUN, PLAIN };
 
-struct Entry {
-    Index index;
-    std::string_view name;
-};
-constexpr Entry ENTRIES[] = {{ENDLESS, "endless"},
-                             {HOLES, "holes"},
-                             {ZERO, "zero"},
-                             {HUGE_RUN, "huge"},
-                             {STUCK, "stuck"},
-                             {OVERRUN, "overrun"},
-                             {SHORT, "short"},
-                             {PLAIN, "plain"},
-                             {PLAIN, ".."},
-                             {PLAIN, "."},
-                             {PLAIN, ""},
-                             {PLAIN, "../evil"},
-                             {PLAIN, "/tmp/rvpmap-evil"},
-                             {PLAIN, "a/b"}};
+// In the order of their indices; all further names are the plain file's.
+constexpr std::string_view NAMES[] = {
+    "stuck", "overrun", "short",   "endless",          "holes", "zero", "huge", "plain", "..",
+    ".",     "",        "../evil", "/tmp/rvpmap-evil", "a/b"};
 
-bool isDirectory(uint64_t index) {
-    return index == ROOT || index == STUCK || index == OVERRUN || index == SHORT;
-}
-
-uint32_t putEntry(char* to, const Entry& entry, uint64_t next) {
+uint32_t putEntry(char* to, uint64_t index, std::string_view name, uint64_t next) {
     fso_dir_entry record = {};
-    record.index = entry.index;
+    record.index = index;
     record.next = next;
     record.recordLength = sizeof record + 24;
-    record.nameLength = static_cast<uint32_t>(entry.name.size());
+    record.nameLength = static_cast<uint32_t>(name.size());
     std::memcpy(to, &record, sizeof record);
-    entry.name.copy(to + sizeof record, entry.name.size());
+    name.copy(to + sizeof record, name.size());
     return record.recordLength;
 }
 
@@ -61,64 +44,47 @@ class HostileVolume : public IFileSystemObjectV1 {
     }
     uint32_t openFile(uint64_t index, fso_file_record* record, uint32_t* /*flags*/) override {
         *record = {};
-        record->mode = isDirectory(index) ? S_IFDIR : S_IFREG;
+        record->mode = index < ENDLESS ? S_IFDIR : S_IFREG;
         record->size = 4096;
         record->index = index;
         return FSO_OK;
     }
     uint32_t readDir(uint64_t index, fso_dir_request* request, uint32_t* count) override {
         char* to = reinterpret_cast<char*>(request->buffer);
-        *count = 1;
-        switch (index) {
-        case STUCK:
-            request->resultCount = putEntry(to, {PLAIN, "again"}, 1);
+        request->resultCount = 0;
+        *count = 0;
+        if (index == ROOT) {
+            for (uint64_t i = request->position; i < std::size(NAMES); ++i, ++*count) {
+                request->resultCount +=
+                    putEntry(to + request->resultCount, std::min<uint64_t>(STUCK + i, PLAIN),
+                             NAMES[i], i + 1);
+            }
             return FSO_OK;
-        case OVERRUN:
-            request->resultCount = putEntry(to, {PLAIN, "x"}, 1) - 8;
-            return FSO_OK;
-        case SHORT:
-            request->resultCount = 8;
-            return FSO_OK;
-        default:
-            return readRoot(to, request, count);
         }
+        const uint32_t length = putEntry(to, PLAIN, "again", 1);
+        request->resultCount = index == STUCK ? length : index == OVERRUN ? length - 8 : 8;
+        *count = 1;
+        return FSO_OK;
     }
     uint32_t getExtents(uint64_t index, uint64_t offset, fso_extent* extents, uint32_t /*capacity*/,
                         uint32_t* count) override {
-        *count = 1;
-        extents[0] = {offset % 32768, 1024, 0, 0};
-        switch (index) {
-        case HOLES:
+        extents[0] = {offset % 32768, 1024, FSO_EXTENT_LAST, 0};
+        if (index == ENDLESS) {
+            extents[0].flags = 0;
+        } else if (index == HOLES) {
             extents[0].flags = FSO_EXTENT_HOLE;
-            break;
-        case ZERO:
-            extents[0].length = 0;
-            break;
-        case HUGE_RUN:
-            extents[0].length = offset == 0 ? 512 : ~uint64_t{0} - 511;
-            break;
-        case ENDLESS:
-            break;
-        default:
-            extents[0].flags = FSO_EXTENT_LAST;
+        } else if (index == ZERO) {
+            extents[0] = {};
+        } else if (index == HUGE_RUN) {
+            extents[0] = {0, offset == 0 ? 512 : UINT64_MAX - 511, 0, 0};
         }
+        *count = 1;
         return FSO_OK;
     }
     uint32_t getMetadata(uint64_t /*index*/, fso_metadata* /*metadata*/) override {
         return FSO_UNSUPPORTED;
     }
     uint32_t closeFile(uint64_t /*index*/) override { return FSO_OK; }
-
-  private:
-    static uint32_t readRoot(char* to, fso_dir_request* request, uint32_t* count) {
-        request->resultCount = 0;
-        *count = 0;
-        for (uint64_t i = request->position; i < std::size(ENTRIES); ++i) {
-            request->resultCount += putEntry(to + request->resultCount, ENTRIES[i], i + 1);
-            ++*count;
-        }
-        return FSO_OK;
-    }
 };
 
 const fso_info INFO = {"hostile", "1", "test", nullptr};
