@@ -1,14 +1,12 @@
 // The file object: attributes, extents, entries and metadata as the library gives them.
 #include "ProviderFixture.h"
 
-#include "Error.h"
 #include "RvpFsoFile.h"
 #include "RvpFsoFileSystem.h"
 #include "RvpFsoFileSystemMgr.h"
 #include "support/Raised.h"
 
 #include <cerrno>
-#include <cstring>
 
 namespace {
 
@@ -16,14 +14,15 @@ class FileTest : public VolumeTest {
   protected:
     int getExtents(unsigned long offset, int capacity) {
         log.clear();
+        done = 0;
         return rvp_map_get_extent(instance, file, offset, extents, capacity, &count, &done,
                                   reinterpret_cast<kmp_mapdomain_node*>(0x10));
     }
 
     // Opens the file again, after its record changed.
-    void reopen(int expectedFlags = 0) {
+    void reopen() {
         close(file);
-        file = openFile(volume, 12, expectedFlags);
+        file = openFile(volume);
     }
 
     kmp_obj* file = openFile(volume);
@@ -33,84 +32,72 @@ class FileTest : public VolumeTest {
 };
 
 TEST_F(FileTest, RoundsExtentLengthsUpToTheSector) {
-    script->extents = {{4096, 1000, 7, 0}, {8192, 1024, 0x80000010, 0}};
-    script->extentCount = 2;
+    script.extents = {{4096, 1000, 7, 0}, {8192, 1024, 0x80000010, 0}};
+    script.extentCount = 2;
     std::memset(extents, 0xAA, sizeof extents);
     ASSERT_EQ(getExtents(300, 4), 0);
-    EXPECT_EQ(script->offset, 300U);
+    EXPECT_EQ(script.offset, 300U);
     EXPECT_EQ(count, 2);
     EXPECT_EQ(done, 1);
-    EXPECT_EQ(extents[0].offset, 4096U);
-    EXPECT_EQ(extents[0].length, 1024U);
-    EXPECT_EQ(extents[0].flags, 7U);
     EXPECT_STREQ(extents[0].volume->name, "VOL1");
-    EXPECT_EQ(extents[1].length, 1024U);
-    EXPECT_EQ(extents[1].flags, 0x80000010U);
+    EXPECT_THAT((std::vector{extents[0].offset, extents[0].length, uint64_t{extents[0].flags},
+                             extents[1].offset, extents[1].length, uint64_t{extents[1].flags}}),
+                ElementsAre(4096, 1024, 7, 8192, 1024, 0x80000010));
     EXPECT_EQ(extents[1].reserved0[0], 0xAA) << "nothing but the four fields is written";
+
+    script.extents = {{0, 0, 0, 0}};
+    script.extentCount = 1;
+    EXPECT_EQ(getExtents(0, 1), 0);
+    EXPECT_EQ(log.lines()[1], "getExtent:RvpFsoFile <ERROR> Unable to get the extent, length = 0, "
+                              "index = 12, extentNum = 0");
 }
 
-TEST_F(FileTest, AnImpossibleCountRaisesBeforeTheStatusIsSeen) {
-    script->extentsStatus = FSO_NOT_PERMITTED;
+TEST_F(FileTest, ChecksTheCountBeforeTheStatus) {
+    script.status["getExtents"] = FSO_NOT_PERMITTED;
     for (const uint32_t reported : {0U, 3U, 0x80000000U}) {
-        script->extentCount = reported;
+        script.extentCount = reported;
         EXPECT_EQ(getExtents(0, 2), 1);
         EXPECT_EQ(log.lines()[1], "getExtent:RvpFsoFile <ERROR> Exception: VERIFY_ORMA_BOOL");
     }
     EXPECT_EQ(getExtents(0, -1), 3);
     EXPECT_EQ(log.lines()[1], "getExtent:RvpFsoFile <ERROR> Exception: VERIFY_PTR");
 
-    script->extentsStatus = FSO_OK;
-    script->extents = {{0, 0, 0, 0}};
-    script->extentCount = 1;
-    EXPECT_EQ(getExtents(0, 1), 0);
-    EXPECT_EQ(log.lines()[1], "getExtent:RvpFsoFile <ERROR> Unable to get the extent, length = 0, "
-                              "index = 12, extentNum = 0");
-    EXPECT_EQ(extents[0].length, 0U);
-}
-
-TEST_F(FileTest, TranslatesEveryLibraryStatus) {
-    script->extents = {{0, 512, 0, 0}};
-    script->extentCount = 1;
+    script.extentCount = 1;
     const int expected[] = {3, 11, 11, 4, 5, 7, 12, 13, 14, 15, 11, 1, 1};
     for (uint32_t status = 1; status <= 13; ++status) {
-        script->extentsStatus = status;
-        done = 0;
+        script.status["getExtents"] = status;
         EXPECT_EQ(getExtents(0, 1), expected[status - 1]) << status;
         EXPECT_EQ(done, 1);
     }
 }
 
 TEST_F(FileTest, CopiesTheLibrarysFileRecord) {
-    script->file = {S_IFREG | 0640, 2, 0x0000006400000064, 12345, 24, 40, {-1, 1}, {2, 3}, {4, 5},
-                    {6, 7},         80};
+    script.file = {S_IFREG | 0640, 2, 0x0000006400000064, 12345, 24, 40, {-1, 1}, {2, 3}, {4, 5},
+                   {6, 7},         80};
     reopen();
     kmp_file stat;
     std::memset(&stat, 0xAA, sizeof stat);
     ASSERT_EQ(rvp_map_stat_file(instance, file, &stat), 0);
     EXPECT_THAT((std::vector<uint64_t>{stat.mode, stat.linkCount, stat.type, stat.owner, stat.size,
-                                       stat.blocks, stat.device, stat.index}),
-                ElementsAre(S_IFREG | 0640U, 2, 1, 0x0000006400000064, 12345, 24, 40, 80));
-    EXPECT_THAT((std::vector<uint64_t>{stat.accessTime.seconds, stat.modifyTime.seconds,
-                                       stat.changeTime.seconds, stat.createTime.seconds}),
-                ElementsAre(2208988799, 2208988802, 2208988804, 2208988806));
-    EXPECT_THAT((std::vector{stat.accessTime.fraction, stat.modifyTime.fraction,
-                             stat.changeTime.fraction, stat.createTime.fraction}),
-                ElementsAre(1, 3, 5, 7));
-    EXPECT_EQ(stat.reserved0[0], 0);
-
+                                       stat.blocks, stat.device, stat.index, stat.reserved0[0]}),
+                ElementsAre(S_IFREG | 0640U, 2, 1, 0x0000006400000064, 12345, 24, 40, 80, 0));
+    EXPECT_THAT((std::vector<uint64_t>{stat.accessTime.seconds, stat.accessTime.fraction,
+                                       stat.modifyTime.seconds, stat.modifyTime.fraction,
+                                       stat.changeTime.seconds, stat.changeTime.fraction,
+                                       stat.createTime.seconds, stat.createTime.fraction}),
+                ElementsAre(2208988799, 1, 2208988802, 3, 2208988804, 5, 2208988806, 7));
     kmp_obj_prop* property = nullptr;
     ASSERT_EQ(rvp_map_get_obj_prop(instance, file, &property), 0);
     EXPECT_EQ(property->kind, 6U);
     EXPECT_EQ(property->size, 12345U);
 
-    script->file.mode = S_IFDIR | 0755;
-    reopen();
+    for (const unsigned type : {S_IFBLK, S_IFIFO, S_IFCHR, S_IFLNK, S_IFSOCK, S_IFREG, S_IFDIR}) {
+        script.file.mode = type;
+        reopen();
+        EXPECT_EQ(flags, type == S_IFREG || type == S_IFDIR ? 0 : KMP_OPEN_SPECIAL);
+    }
     ASSERT_EQ(rvp_map_stat_file(instance, file, &stat), 0);
     EXPECT_EQ(stat.size, 0U) << "directories report no size";
-    for (const unsigned type : {S_IFBLK, S_IFIFO, S_IFCHR, S_IFLNK, S_IFSOCK}) {
-        script->file.mode = type;
-        reopen(KMP_OPEN_SPECIAL);
-    }
 }
 
 TEST_F(FileTest, ReadsDirectoriesOnly) {
@@ -123,61 +110,51 @@ TEST_F(FileTest, ReadsDirectoriesOnly) {
     EXPECT_EQ(rvp_map_readdir(instance, file, &request, &entries), 4096 + ENOTDIR);
     EXPECT_EQ(listener.heard.back().english, "Unknown error");
 
-    script->file.mode = S_IFDIR | 0700;
-    script->dirBytes = 48;
-    script->dirEntries = 3;
+    script.file.mode = S_IFDIR | 0700;
     reopen();
     EXPECT_EQ(rvp_map_readdir(instance, file, &request, &entries), 0);
-    EXPECT_EQ(script->dirRequest.buffer, 0x1000U);
-    EXPECT_EQ(script->dirRequest.bufferSize, 64U);
-    EXPECT_EQ(script->dirRequest.position, 7U);
-    EXPECT_EQ(request.resultCount, 48U);
+    EXPECT_THAT((std::vector{script.dirRequest.buffer, script.dirRequest.bufferSize,
+                             script.dirRequest.position, request.resultCount}),
+                ElementsAre(0x1000, 64, 7, 48));
     EXPECT_EQ(entries, 0xAAAAAAAA00000003UL) << "the library counts in the low half";
     EXPECT_EQ(request.error, 0U);
-    auto* direct = static_cast<RvpFsoFile*>(static_cast<RvpFsoObject*>(file->provider));
-    EXPECT_EQ(raisedBy([&] { direct->readDir(nullptr, &entries); }),
-              "3 plugin/dorado/RvpFsoFile readDir");
-    EXPECT_EQ(raisedBy([&] { direct->readDir(&request, nullptr); }),
-              "3 plugin/dorado/RvpFsoFile readDir");
-    EXPECT_EQ(raisedBy([&] { direct->statFile(nullptr); }), "3 plugin/dorado/RvpFsoFile statFile");
-
-    script->readDirStatus = FSO_NO_MEMORY;
+    script.status["readDir"] = FSO_NO_MEMORY;
     EXPECT_EQ(rvp_map_readdir(instance, file, &request, &entries), 5);
     EXPECT_EQ(request.error, 5U);
 }
 
 TEST_F(FileTest, HandsOutTheLibrarysMetadata) {
-    script->metadata = {{1, 2}, {3, 4}, {5, 6}};
-    script->file.accessTime.fraction = 010;
-    script->file.modifyTime.fraction = 07;
-    script->file.createTime.fraction = ~0U;
+    script.metadata = {{1, 2}, {3, 4}, {5, 6}};
+    script.file.accessTime.fraction = 010;
+    script.file.modifyTime.fraction = 07;
+    script.file.createTime.fraction = ~0U;
     reopen();
-    kmp_extfile metadata = {};
-    ASSERT_EQ(rvp_map_objctl(instance, file, KMP_OCGETEXTFILE, &metadata), 0);
-    EXPECT_STREQ(reinterpret_cast<const char*>(metadata.text.address),
+    kmp_extfile found = {};
+    ASSERT_EQ(rvp_map_objctl(instance, file, KMP_OCGETEXTFILE, &found), 0);
+    EXPECT_STREQ(reinterpret_cast<const char*>(found.text.address),
                  "         7:        10:37777777777:");
-    EXPECT_EQ(metadata.text.length, 35U);
-    EXPECT_EQ(metadata.text.count, 1U);
-    EXPECT_EQ(metadata.first.address, 1U);
-    EXPECT_EQ(metadata.second.length, 4U);
-    EXPECT_EQ(metadata.third.address, 5U);
-    EXPECT_EQ(metadata.third.count, 1U);
+    EXPECT_THAT((std::vector{found.text.length, found.text.count, found.first.address,
+                             found.second.length, found.third.address, found.third.count}),
+                ElementsAre(35, 1, 1, 4, 5, 1));
     EXPECT_EQ(rvp_map_objctl(instance, file, KMP_OCGETEXTFILE, nullptr), 3);
-    EXPECT_EQ(rvp_map_objctl(instance, file, 1000, &metadata), 4);
-    script->metadataStatus = FSO_IO;
+    EXPECT_EQ(rvp_map_objctl(instance, file, 1000, &found), 4);
+    script.status["getMetadata"] = FSO_IO;
     EXPECT_EQ(rvp_map_objctl(instance, file, KMP_OCGETEXTFILE, nullptr), 11);
 }
 
-TEST_F(FileTest, ClosingIsAsTheLibraryHasIt) {
-    script->closeFileStatus = FSO_IO;
-    EXPECT_EQ(close(file), 0);
+TEST_F(FileTest, DirectCallsRefuseNullAndCloseOnce) {
+    script.calls.clear();
+    auto* other = new RvpFsoFile(static_cast<RvpFsoFileSystem*>(volume->provider), 5);
+    unsigned long entries = 0;
+    EXPECT_EQ(raisedBy([&] { other->statFile(nullptr); }), "3 plugin/dorado/RvpFsoFile statFile");
+    EXPECT_EQ(raisedBy([&] { other->readDir(nullptr, &entries); }),
+              "3 plugin/dorado/RvpFsoFile readDir");
+    closeRvpFsoFile(other);
+    EXPECT_THAT(script.calls, ElementsAre("closeFile"));
+    script.status["closeFile"] = FSO_IO;
+    EXPECT_EQ(close(file), 0) << "whatever the library says";
     EXPECT_EQ(log.lines().back(),
               "~RvpFsoFile:RvpFsoFile <WARN> Failed to close file index, index = 12");
-    script->calls.clear();
-    closeRvpFsoFile(new RvpFsoFile(static_cast<RvpFsoFileSystem*>(volume->provider), 5));
-    EXPECT_THAT(script->calls, ElementsAre("closeFile"));
-    RvpFsoFileSystem withoutLibrary("v");
-    delete new RvpFsoFile(&withoutLibrary, 5);
 }
 
 } // namespace
