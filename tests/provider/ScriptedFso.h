@@ -22,14 +22,12 @@ struct FsoScript {
 
     // What it was asked.
     std::vector<std::string> calls;
-    std::string path;
     std::string directory;
     uint32_t sectorSize = 0;
     fso_read_callback read = nullptr;
     void* readContext = nullptr;
     fso_log_callback log = nullptr;
     fso_keep_alive_callback keepAlive = nullptr;
-    uint64_t index = 0;
     uint64_t offset = 0;
     fso_dir_request dirRequest = {};
 };
