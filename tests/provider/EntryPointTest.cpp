@@ -141,20 +141,16 @@ TEST_F(EntryPointTest, RefusesBadArguments) {
 TEST_F(EntryPointTest, RefusesWrongIdsAndAccess) {
     struct km_objid id = idOf("unknown");
     kmp_obj* out = nullptr;
-    const auto open = [&](const struct km_objid* named, kmp_obj** opened, int access, int* error) {
-        return rvp_map_open_id(instance, named, nullptr, opened, access, error, nullptr);
-    };
-    EXPECT_EQ(open(nullptr, &out, 1, &flags), 3);
-    EXPECT_EQ(open(&id, nullptr, 1, &flags), 3);
-    EXPECT_EQ(open(&id, &out, 1, nullptr), 3);
     for (int access = 0; access <= 4; ++access) {
         const bool passes = access % 4 != 0; // and fails further on
-        EXPECT_EQ(open(&id, &out, access, &flags), passes ? 1 : 3);
+        EXPECT_EQ(rvp_map_open_id(instance, &id, nullptr, &out, access, &flags, nullptr),
+                  passes ? 1 : 3);
         EXPECT_EQ(rvp_map_open_file_index(instance, volume, ~0UL, &out, access, &flags, nullptr),
                   passes ? 4 : 3);
     }
+    EXPECT_EQ(rvp_map_open_id(instance, nullptr, nullptr, &out, 1, &flags, nullptr), 3);
     id.name = nullptr;
-    EXPECT_EQ(open(&id, &out, 1, &flags), 3);
+    EXPECT_EQ(rvp_map_open_id(instance, &id, nullptr, &out, 1, &flags, nullptr), 3);
     log.clear();
     EXPECT_EQ(rvp_map_claim_volume(instance, nullptr), KM_CLAIM_NONE);
     EXPECT_EQ(rvp_map_claim_id(instance, nullptr), KM_CLAIM_NONE);

@@ -4,11 +4,12 @@
 #include "RvpFsoFile.h"
 #include "RvpFsoFileSystem.h"
 #include "RvpFsoFileSystemMgr.h"
-#include "support/Raised.h"
 
 #include <cerrno>
 
 namespace {
+
+using Words = std::vector<uint64_t>;
 
 class FileSystemTest : public VolumeTest {
   protected:
@@ -27,14 +28,14 @@ TEST_F(FileSystemTest, CopiesTheLibrarysRecord) {
     volume = openVolume();
     std::memset(&fs, 0xAA, sizeof fs);
     ASSERT_EQ(rvp_map_stat_fs(instance, volume, &fs), 0);
-    EXPECT_THAT((std::vector{fs.type, fs.state, fs.preferredBlockSize, fs.blockSize, fs.usedBlocks,
-                             fs.blockCount, fs.freeBlocks, fs.freeFiles, fs.fileCount, fs.volumeId,
-                             uint64_t{fs.maxNameLength}, uint64_t{fs.reserved0[0]}}),
+    EXPECT_THAT((Words{fs.type, fs.state, fs.preferredBlockSize, fs.blockSize, fs.usedBlocks,
+                       fs.blockCount, fs.freeBlocks, fs.freeFiles, fs.fileCount, fs.volumeId,
+                       fs.maxNameLength, fs.reserved0[0]}),
                 ElementsAre(4, 2, 32768, 4096, 16, 24, 32, 40, 128, 0x7575, 255, 0));
     EXPECT_STREQ(fs.nameSpace, "dorado");
     ASSERT_EQ(rvp_map_get_obj_prop(instance, volume, &property), 0);
-    EXPECT_THAT((std::vector<uint64_t>{property->kind, property->blockSize, property->size,
-                                       property->value104, property->value112}),
+    EXPECT_THAT((Words{property->kind, property->blockSize, property->size, property->value104,
+                       property->value112}),
                 ElementsAre(7, 4096, 4096 * 24, 1, 1));
     char* text = nullptr;
     EXPECT_EQ(control(KMP_OCVOLUMENAME, &text), 0);
@@ -50,12 +51,6 @@ TEST_F(FileSystemTest, CopiesTheLibrarysRecord) {
 }
 
 TEST_F(FileSystemTest, AnswersControlCommands) {
-    uint64_t root = 0;
-    EXPECT_EQ(control(KMP_OCROOTINDEX, &root), 0);
-    EXPECT_EQ(root, 2U);
-    script.status["rootIndex"] = FSO_IO;
-    EXPECT_EQ(control(KMP_OCROOTINDEX, &root), 0);
-    EXPECT_EQ(root, 0U) << "the status is not looked at";
     for (const int command : {KMP_OCTRAVERSETYPE, KMP_OCTRAVERSEATTRIBUTE}) {
         one = 0;
         EXPECT_EQ(control(command, &one), 0);
@@ -64,13 +59,16 @@ TEST_F(FileSystemTest, AnswersControlCommands) {
     for (int command = KMP_OCVOLUMENAME; command <= KMP_OCTRAVERSEATTRIBUTE; ++command) {
         EXPECT_EQ(control(command, nullptr), 3) << command;
     }
-    log.clear();
     EXPECT_EQ(control(KMP_OCGETEXTFS, nullptr), 4);
     EXPECT_EQ(control(KMP_OCSETEXTFS, nullptr), 4);
-    EXPECT_EQ(control(77, nullptr), 3);
     EXPECT_THAT(log.lines(), Contains("rvpMapObjCtl:RvpFsoCoordinator <TRACE> Object: VOL1 cmd:2"));
+    EXPECT_EQ(control(77, nullptr), 3);
     EXPECT_THAT(log.lines(),
                 Contains("objCtl:RvpFsoFileSystem <ERROR> Unsupported option. cmd = 77 "));
+    uint64_t root = 7;
+    script.status["rootIndex"] = FSO_IO;
+    EXPECT_EQ(control(KMP_OCROOTINDEX, &root), 0) << "the status is not looked at";
+    EXPECT_EQ(root, 0U);
 }
 
 TEST_F(FileSystemTest, WithoutReadAccessOnlyTheStatisticsAnswer) {
@@ -87,26 +85,13 @@ TEST_F(FileSystemTest, WithoutReadAccessOnlyTheStatisticsAnswer) {
     EXPECT_EQ(rvp_map_fs_exclude_unallocated(instance, volume), 0);
 }
 
-TEST_F(FileSystemTest, AFileThatDoesNotOpenIsClosedInTheLibrary) {
-    kmp_obj* file = volume;
-    script.status["openFile"] = FSO_UNSUPPORTED;
+TEST_F(FileSystemTest, WithoutARecordItAnswersAlmostNothing) {
+    auto& whole = *static_cast<RvpFsoFileSystem*>(volume->provider);
     script.calls.clear();
-    EXPECT_EQ(rvp_map_open_file_index(instance, volume, 7, &file, 1, &flags, nullptr), 11);
-    EXPECT_EQ(file, nullptr);
-    EXPECT_THAT(script.calls, ElementsAre("openFile", "closeFile"));
-    EXPECT_EQ(log.lines()[0],
-              "rvpMapOpenFileIndex:RvpFsoCoordinator <TRACE> XFS Object Name: VOL1");
-}
-
-TEST_F(FileSystemTest, TheRecordIsReadOnceAndMissedWhereItWasNot) {
-    auto& initialised = *static_cast<RvpFsoFileSystem*>(volume->provider);
-    script.calls.clear();
-    EXPECT_EQ(initialised.init(4096, initialised.fso), 0);
-    EXPECT_EQ(initialised.sectorSize, 4096U);
-    EXPECT_THAT(script.calls, IsEmpty());
+    EXPECT_EQ(whole.init(4096, whole.fso), 0);
+    EXPECT_THAT(script.calls, IsEmpty()) << "the record is read once";
 
     RvpFsoFileSystem empty("");
-    EXPECT_EQ(empty.volumeId, nullptr);
     ASSERT_EQ(empty.openFileSystem(&volume, KMP_OPEN_READ, &flags), 0);
     EXPECT_EQ(empty.objCtl(KMP_OCVOLUMENAME, nullptr), 11);
     EXPECT_EQ(empty.objCtl(KMP_OCVOLUMEUUID, nullptr), 11);
@@ -115,12 +100,31 @@ TEST_F(FileSystemTest, TheRecordIsReadOnceAndMissedWhereItWasNot) {
     EXPECT_EQ(fs.preferredBlockSize, 0U);
 }
 
+TEST(PlainObject, SupportsNothingButLists) {
+    RvpFsoObject object(1, "o");
+    EXPECT_THAT((std::vector{object.getExtent({}, {}, {}, {}, {}, {}), object.getObjProp({}),
+                             object.getObjStats({}), object.getSubObjLinkProp({}, {}),
+                             object.objCtl({}, {}), object.read({}, {}), object.readDir({}, {}),
+                             object.statFile({}), object.statFs({}), object.write({}, {})}),
+                testing::Each(KMP_ENOTSUP));
+    // One copy of equal records, the newest in front.
+    kmp_obj_link_prop other = {};
+    other.reserved0[15] = 1;
+    kmp_obj_link_prop* first = object.getLinkPropFromList({});
+    kmp_obj_link_prop* second = object.getLinkPropFromList(other);
+    EXPECT_EQ(object.getLinkPropFromList({}), first);
+    EXPECT_EQ(object.linkPropList.count, 2U);
+    EXPECT_EQ(&object.linkPropList.head->value, second);
+    EXPECT_EQ(object.linkPropList.tail->prev, object.linkPropList.head);
+    EXPECT_EQ(object.getObjPropFromList({}), object.getObjPropFromList({}));
+}
+
 class FileTest : public VolumeTest {
   protected:
-    int getExtents(unsigned long offset, int capacity) {
+    int getExtents(int capacity) {
         log.clear();
         done = 0;
-        return rvp_map_get_extent(instance, file, offset, extents, capacity, &count, &done,
+        return rvp_map_get_extent(instance, file, 300, extents, capacity, &count, &done,
                                   reinterpret_cast<kmp_mapdomain_node*>(0x10));
     }
 
@@ -137,41 +141,35 @@ class FileTest : public VolumeTest {
 };
 
 TEST_F(FileTest, RoundsExtentLengthsUpToTheSector) {
-    script.extents = {{4096, 1000, 7, 0}, {8192, 1024, 0x80000010, 0}};
-    script.extentCount = 2;
+    script.extents = {{4096, 1000, 7, 0}, {8192, 1024, 0x80000010, 0}, {0, 0, 0, 0}};
+    script.extentCount = 3;
     std::memset(extents, 0xAA, sizeof extents);
-    ASSERT_EQ(getExtents(300, 4), 0);
+    ASSERT_EQ(getExtents(4), 0);
+    EXPECT_EQ(log.lines()[1], "getExtent:RvpFsoFile <ERROR> Unable to get the extent, length = 0, "
+                              "index = 12, extentNum = 2");
     EXPECT_EQ(script.offset, 300U);
-    EXPECT_EQ(count, 2);
     EXPECT_EQ(done, 1);
     EXPECT_STREQ(extents[0].volume->name, "VOL1");
-    EXPECT_THAT((std::vector{extents[0].offset, extents[0].length, uint64_t{extents[0].flags},
-                             extents[1].offset, extents[1].length, uint64_t{extents[1].flags}}),
-                ElementsAre(4096, 1024, 7, 8192, 1024, 0x80000010));
-    EXPECT_EQ(extents[1].reserved0[0], 0xAA) << "nothing but the four fields is written";
-
-    script.extents = {{0, 0, 0, 0}};
-    script.extentCount = 1;
-    EXPECT_EQ(getExtents(0, 1), 0);
-    EXPECT_EQ(log.lines()[1], "getExtent:RvpFsoFile <ERROR> Unable to get the extent, length = 0, "
-                              "index = 12, extentNum = 0");
+    EXPECT_THAT((Words{extents[0].offset, extents[0].length, extents[0].flags, extents[1].length,
+                       extents[1].flags, extents[1].reserved0[0]}),
+                ElementsAre(4096, 1024, 7, 1024, 0x80000010, 0xAA));
 }
 
 TEST_F(FileTest, ChecksTheCountBeforeTheStatus) {
     script.status["getExtents"] = FSO_NOT_PERMITTED;
     for (const uint32_t reported : {0U, 3U, 0x80000000U}) {
         script.extentCount = reported;
-        EXPECT_EQ(getExtents(0, 2), 1);
+        EXPECT_EQ(getExtents(2), 1);
         EXPECT_EQ(log.lines()[1], "getExtent:RvpFsoFile <ERROR> Exception: VERIFY_ORMA_BOOL");
     }
-    EXPECT_EQ(getExtents(0, -1), 3);
+    EXPECT_EQ(getExtents(-1), 3);
     EXPECT_EQ(log.lines()[1], "getExtent:RvpFsoFile <ERROR> Exception: VERIFY_PTR");
 
     script.extentCount = 1;
     const int expected[] = {3, 11, 11, 4, 5, 7, 12, 13, 14, 15, 11, 1, 1};
     for (uint32_t status = 1; status <= 13; ++status) {
         script.status["getExtents"] = status;
-        EXPECT_EQ(getExtents(0, 1), expected[status - 1]) << status;
+        EXPECT_EQ(getExtents(1), expected[status - 1]) << status;
         EXPECT_EQ(done, 1);
     }
 }
@@ -183,26 +181,33 @@ TEST_F(FileTest, CopiesTheLibrarysFileRecord) {
     kmp_file stat;
     std::memset(&stat, 0xAA, sizeof stat);
     ASSERT_EQ(rvp_map_stat_file(instance, file, &stat), 0);
-    EXPECT_THAT((std::vector<uint64_t>{stat.mode, stat.linkCount, stat.type, stat.owner, stat.size,
-                                       stat.blocks, stat.device, stat.index, stat.reserved0[0]}),
+    EXPECT_THAT((Words{stat.mode, stat.linkCount, stat.type, stat.owner, stat.size, stat.blocks,
+                       stat.device, stat.index, stat.reserved0[0]}),
                 ElementsAre(S_IFREG | 0640U, 2, 1, 0x0000006400000064, 12345, 24, 40, 80, 0));
-    EXPECT_THAT((std::vector<uint64_t>{stat.accessTime.seconds, stat.accessTime.fraction,
-                                       stat.modifyTime.seconds, stat.modifyTime.fraction,
-                                       stat.changeTime.seconds, stat.changeTime.fraction,
-                                       stat.createTime.seconds, stat.createTime.fraction}),
+    EXPECT_THAT((Words{stat.accessTime.seconds, stat.accessTime.fraction, stat.modifyTime.seconds,
+                       stat.modifyTime.fraction, stat.changeTime.seconds, stat.changeTime.fraction,
+                       stat.createTime.seconds, stat.createTime.fraction}),
                 ElementsAre(2208988799, 1, 2208988802, 3, 2208988804, 5, 2208988806, 7));
     kmp_obj_prop* property = nullptr;
     ASSERT_EQ(rvp_map_get_obj_prop(instance, file, &property), 0);
     EXPECT_EQ(property->kind, 6U);
     EXPECT_EQ(property->size, 12345U);
+}
 
-    for (const unsigned type : {S_IFBLK, S_IFIFO, S_IFCHR, S_IFLNK, S_IFSOCK, S_IFREG, S_IFDIR}) {
-        script.file.mode = type;
+TEST_F(FileTest, TypesAreTheHosts) {
+    const std::pair<unsigned, unsigned> types[] = {{S_IFREG, 1}, {S_IFDIR, 2}, {S_IFBLK, 3},
+                                                   {S_IFCHR, 4}, {S_IFLNK, 5}, {S_IFIFO, 6},
+                                                   {0, 10},      {S_IFSOCK, 6}};
+    for (const auto& [mode, type] : types) {
+        script.file.mode = mode | 0644;
+        script.file.size = 4096;
         reopen();
-        EXPECT_EQ(flags, type == S_IFREG || type == S_IFDIR ? 0 : KMP_OPEN_SPECIAL);
+        EXPECT_EQ(flags, type < 3 || type > 6 ? 0 : KMP_OPEN_SPECIAL) << mode;
+        kmp_file stat;
+        ASSERT_EQ(rvp_map_stat_file(instance, file, &stat), 0);
+        EXPECT_EQ(stat.type, type);
+        EXPECT_EQ(stat.size, type == 2 ? 0U : 4096U) << "directories report no size";
     }
-    ASSERT_EQ(rvp_map_stat_file(instance, file, &stat), 0);
-    EXPECT_EQ(stat.size, 0U) << "directories report no size";
 }
 
 TEST_F(FileTest, ReadsDirectoriesOnly) {
@@ -218,11 +223,10 @@ TEST_F(FileTest, ReadsDirectoriesOnly) {
     script.file.mode = S_IFDIR | 0700;
     reopen();
     EXPECT_EQ(rvp_map_readdir(instance, file, &request, &entries), 0);
-    EXPECT_THAT((std::vector{script.dirRequest.buffer, script.dirRequest.bufferSize,
-                             script.dirRequest.position, request.resultCount}),
-                ElementsAre(0x1000, 64, 7, 48));
+    EXPECT_THAT((Words{script.dirRequest.buffer, script.dirRequest.bufferSize,
+                       script.dirRequest.position, request.resultCount, request.error}),
+                ElementsAre(0x1000, 64, 7, 48, 0));
     EXPECT_EQ(entries, 0xAAAAAAAA00000003UL) << "the library counts in the low half";
-    EXPECT_EQ(request.error, 0U);
     script.status["readDir"] = FSO_NO_MEMORY;
     EXPECT_EQ(rvp_map_readdir(instance, file, &request, &entries), 5);
     EXPECT_EQ(request.error, 5U);
@@ -238,8 +242,8 @@ TEST_F(FileTest, HandsOutTheLibrarysMetadata) {
     ASSERT_EQ(rvp_map_objctl(instance, file, KMP_OCGETEXTFILE, &found), 0);
     EXPECT_STREQ(reinterpret_cast<const char*>(found.text.address),
                  "         7:        10:37777777777:");
-    EXPECT_THAT((std::vector{found.text.length, found.text.count, found.first.address,
-                             found.second.length, found.third.address, found.third.count}),
+    EXPECT_THAT((Words{found.text.length, found.text.count, found.first.address,
+                       found.second.length, found.third.address, found.third.count}),
                 ElementsAre(35, 1, 1, 4, 5, 1));
     EXPECT_EQ(rvp_map_objctl(instance, file, KMP_OCGETEXTFILE, nullptr), 3);
     EXPECT_EQ(rvp_map_objctl(instance, file, 1000, &found), 4);
@@ -247,36 +251,17 @@ TEST_F(FileTest, HandsOutTheLibrarysMetadata) {
     EXPECT_EQ(rvp_map_objctl(instance, file, KMP_OCGETEXTFILE, nullptr), 11);
 }
 
-TEST_F(FileTest, IsClosedOnceWhateverTheLibrarySays) {
+TEST_F(FileTest, IsClosedInTheLibraryEvenIfItDidNotOpen) {
+    script.status = {{"openFile", FSO_UNSUPPORTED}, {"closeFile", FSO_IO}};
     script.calls.clear();
+    kmp_obj* failed = volume;
+    EXPECT_EQ(rvp_map_open_file_index(instance, volume, 7, &failed, 1, &flags, nullptr), 11);
+    EXPECT_EQ(failed, nullptr);
     closeRvpFsoFile(new RvpFsoFile(static_cast<RvpFsoFileSystem*>(volume->provider), 5));
-    EXPECT_THAT(script.calls, ElementsAre("closeFile"));
-    script.status["closeFile"] = FSO_IO;
+    EXPECT_THAT(script.calls, ElementsAre("openFile", "closeFile", "closeFile"));
     EXPECT_EQ(close(file), 0);
     EXPECT_EQ(log.lines().back(),
               "~RvpFsoFile:RvpFsoFile <WARN> Failed to close file index, index = 12");
-}
-
-TEST(PlainObject, SupportsNothingButLists) {
-    RvpFsoObject object(1, "o");
-    EXPECT_THAT((std::vector{object.checkConfigId({}), object.getConfigId({}, {}, {}),
-                             object.getExtent({}, {}, {}, {}, {}, {}), object.getObjProp({}),
-                             object.getObjStats({}), object.getSubObjLinkProp({}, {}),
-                             object.objCtl({}, {}), object.read({}, {}), object.readDir({}, {}),
-                             object.statFile({}), object.statFs({}), object.write({}, {})}),
-                testing::Each(KMP_ENOTSUP));
-    EXPECT_EQ(raisedBy([] { RvpFsoObject(1, nullptr); }),
-              "3 plugin/dorado/RvpFsoObject RvpFsoObject");
-
-    // One copy of equal records, the newest in front.
-    kmp_obj_link_prop other = {};
-    other.reserved0[15] = 1;
-    kmp_obj_link_prop* first = object.getLinkPropFromList({});
-    kmp_obj_link_prop* second = object.getLinkPropFromList(other);
-    EXPECT_EQ(object.getLinkPropFromList({}), first);
-    EXPECT_EQ(object.linkPropList.count, 2U);
-    EXPECT_EQ(&object.linkPropList.head->value, second);
-    EXPECT_EQ(object.getObjPropFromList({}), object.getObjPropFromList({}));
 }
 
 } // namespace

@@ -33,7 +33,6 @@ class ProviderTest : public testing::Test {
         script.fs.fileCount = 100;
         script.file.mode = S_IFREG | 0644;
         begin();
-        log.clear();
     }
     ~ProviderTest() override { end(); }
 
@@ -42,6 +41,7 @@ class ProviderTest : public testing::Test {
         EXPECT_EQ(rvp_map_init(&instance, &listener, &version), 0);
         EXPECT_EQ(version, 2);
         rvp_map_set_logical_sector_size(instance, 512);
+        log.clear();
     }
 
     // Closes what is open and ends the instance.

@@ -1,5 +1,4 @@
-// Platform shims and conversions.
-#include "RvpLinuxCommon.h"
+// Platform shims.
 #include "RvpOrma.h"
 #include "support/Files.h"
 #include "support/LogCapture.h"
@@ -8,32 +7,15 @@
 #include <cstdlib>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
 
 using std::filesystem::exists;
-using testing::ElementsAre;
-using testing::HasSubstr;
-
-TEST(Conversions, FileTypesAndTimes) {
-    const std::pair<unsigned, int> types[] = {
-        {S_IFREG | 0644, 1}, {S_IFDIR | 0755, 2}, {S_IFBLK, 3},  {S_IFCHR, 4},
-        {S_IFLNK, 5},        {S_IFIFO, 6},        {S_IFSOCK, 6}, {0, 10}};
-    for (const auto& [mode, type] : types) {
-        EXPECT_EQ(RvpLinuxCommon::linux_ftype(mode), type) << mode;
-    }
-    km_time time = {7, 8, 9};
-    RvpLinuxCommon::linux_to_kmptime(&time, 0);
-    EXPECT_EQ(time.seconds, 2208988800U);
-    EXPECT_EQ(time.fraction, 8U);
-}
 
 TEST(Itoa, WritesEveryBase) {
     char text[40];
-    EXPECT_STREQ(_itoa(5, text, 1), "");
-    EXPECT_STREQ(_itoa(5, text, 37), "");
+    EXPECT_EQ(std::string(_itoa(5, text, 1)) + _itoa(5, text, 37), "");
     for (int base = 2; base <= 36; ++base) {
         for (const int value : {INT_MAX, INT_MIN, -123456789, 0, 1, -1, 35, 36}) {
             EXPECT_EQ(std::strtol(_itoa(value, text, base), nullptr, base), value);
@@ -55,6 +37,8 @@ TEST(Shims, MakeNamesInBoundsAndLoadLibraries) {
         EXPECT_THAT(name, testing::StartsWith("/t/pre"));
         EXPECT_THAT(name, testing::EndsWith("_" + std::to_string(getpid()) + counter));
     }
+    EXPECT_EQ(GetTempFileName(directory, 6, prefix, 0, name), 1);
+    EXPECT_STREQ(name, "/t/pr");
 
     pthread_mutex_t section;
     InitializeCriticalSection(&section);
@@ -71,30 +55,29 @@ TEST(Copies, AreWholeOrNothingButForWhatDoesNotOpen) {
     const TemporaryFolder folder;
     const std::string from = folder / "from";
     const std::string to = folder / "to";
+    // "0" or "1" and the line of a copy that failed.
     const auto copy = [&](const std::string& source, const std::string& copied, bool overwrite) {
         log.clear();
-        return CopyFile(source.c_str(), copied.c_str(), overwrite);
+        const bool done = CopyFile(source.c_str(), copied.c_str(), overwrite);
+        return std::to_string(int{done}) + (log.caught.size() > 2 ? log.lines()[2] : "");
     };
-    EXPECT_TRUE(copy(from, to, true)) << "a missing source counts as copied";
-    EXPECT_EQ(log.lines()[2], "CopyFile:RvpOrma <ERROR> Unable to open source: " + from);
+    const std::string line = "CopyFile:RvpOrma <ERROR> Unable to ";
+    EXPECT_EQ(copy(from, to, true), "1" + line + "open source: " + from);
     EXPECT_FALSE(exists(to));
     for (const size_t size : {0U, 1023U, 1024U, 1025U, 5000U}) {
         writeFile(from, std::string(size, 'x'));
-        EXPECT_TRUE(copy(from, to, true));
+        EXPECT_EQ(copy(from, to, true), "1");
         EXPECT_EQ(readFile(to), std::string(size, 'x'));
     }
-    EXPECT_FALSE(copy(folder.path(), to, false));
-    EXPECT_EQ(readFile(to).size(), 5000U) << "not overwritten";
-    EXPECT_TRUE(copy(from, folder / "no/to", true));
-    EXPECT_EQ(log.lines()[2], "CopyFile:RvpOrma <ERROR> Unable to open destination: " + from);
-    EXPECT_FALSE(copy(folder.path(), to, true)) << "a folder opens, and cannot be read";
-    EXPECT_THAT(log.lines()[2], HasSubstr("Unable to read source: " + folder.path() + " [21]"));
+    EXPECT_EQ(copy(from, folder / "no/to", true), "1" + line + "open destination: " + from);
+    EXPECT_EQ(copy(folder.path(), to, false), "0" + line + "overwrite destination: " + to);
+    EXPECT_EQ(readFile(to).size(), 5000U);
+    EXPECT_EQ(copy(folder.path(), to, true),
+              "0" + line + "read source: " + folder.path() + " [21]");
     EXPECT_FALSE(exists(to));
-
     // The device is named through a link, which goes in its place.
     std::filesystem::create_symlink("/dev/full", to);
-    EXPECT_FALSE(copy(from, to, true));
-    EXPECT_THAT(log.lines()[2], HasSubstr("<ERROR> Unable to write destination: " + to));
+    EXPECT_EQ(copy(from, to, true), "0" + line + "write destination: " + to + " [28]");
     EXPECT_FALSE(std::filesystem::is_symlink(to));
     EXPECT_FALSE(DeleteFile(to.c_str()));
     EXPECT_EQ(GetLastError(), ENOENT);
