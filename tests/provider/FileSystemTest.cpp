@@ -11,18 +11,36 @@ namespace {
 
 using Words = std::vector<uint64_t>;
 
-class FileSystemTest : public VolumeTest {
+class ObjectTest : public VolumeTest {
   protected:
     int control(int command, void* argument) {
         return rvp_map_objctl(instance, volume, command, argument);
     }
 
+    int getExtents(int capacity) {
+        log.clear();
+        done = 0;
+        return rvp_map_get_extent(instance, file, 300, extents, capacity, &count, &done,
+                                  reinterpret_cast<kmp_mapdomain_node*>(0x10));
+    }
+
+    // Opens the file again, after its record changed.
+    void reopen() {
+        close(file);
+        file = openFile(volume);
+    }
+
+    kmp_obj* file = openFile(volume);
     kmp_fs fs = {};
+    kmp_file stat = {};
     kmp_obj_prop* property = nullptr;
     uint32_t one = 0;
+    kmp_extent extents[4] = {};
+    int count = -1;
+    int done = -1;
 };
 
-TEST_F(FileSystemTest, CopiesTheLibrarysRecord) {
+TEST_F(ObjectTest, FileSystemCopiesTheLibrarysRecord) {
     script.fs = {FSO_FS_EXT4, FSO_FS_HAS_ERRORS, 4096,    16,  24, 32, 40, 48,
                  100,         {'u', 'u'},        "label", 255, 9};
     volume = openVolume();
@@ -50,7 +68,7 @@ TEST_F(FileSystemTest, CopiesTheLibrarysRecord) {
     EXPECT_EQ(fs.fileCount, 128U);
 }
 
-TEST_F(FileSystemTest, AnswersControlCommands) {
+TEST_F(ObjectTest, FileSystemAnswersControlCommands) {
     for (const int command : {KMP_OCTRAVERSETYPE, KMP_OCTRAVERSEATTRIBUTE}) {
         one = 0;
         EXPECT_EQ(control(command, &one), 0);
@@ -71,21 +89,21 @@ TEST_F(FileSystemTest, AnswersControlCommands) {
     EXPECT_EQ(root, 0U);
 }
 
-TEST_F(FileSystemTest, WithoutReadAccessOnlyTheStatisticsAnswer) {
+TEST_F(ObjectTest, FileSystemOpenedForWritingAnswersOnlyStatistics) {
     volume = openVolume(KMP_OPEN_WRITE);
-    kmp_obj* file = volume;
+    kmp_obj* opened = volume;
     EXPECT_EQ(rvp_map_stat_fs(instance, volume, &fs), 4);
     EXPECT_EQ(rvp_map_get_obj_prop(instance, volume, &property), 4);
     EXPECT_EQ(control(KMP_OCTRAVERSETYPE, &one), 4);
-    EXPECT_EQ(rvp_map_open_file_index(instance, volume, 5, &file, 1, &flags, nullptr), 4);
-    EXPECT_EQ(file, volume) << "untouched before a file is made";
+    EXPECT_EQ(rvp_map_open_file_index(instance, volume, 5, &opened, 1, &flags, nullptr), 4);
+    EXPECT_EQ(opened, volume) << "untouched before a file is made";
     kmp_stats stats;
     EXPECT_EQ(rvp_map_get_obj_stats(instance, volume, &stats), 0);
     EXPECT_EQ(stats.values[179], 0U);
     EXPECT_EQ(rvp_map_fs_exclude_unallocated(instance, volume), 0);
 }
 
-TEST_F(FileSystemTest, WithoutARecordItAnswersAlmostNothing) {
+TEST_F(ObjectTest, FileSystemWithoutARecordAnswersAlmostNothing) {
     auto& whole = *static_cast<RvpFsoFileSystem*>(volume->provider);
     script.calls.clear();
     EXPECT_EQ(whole.init(4096, whole.fso), 0);
@@ -119,28 +137,7 @@ TEST(PlainObject, SupportsNothingButLists) {
     EXPECT_EQ(object.getObjPropFromList({}), object.getObjPropFromList({}));
 }
 
-class FileTest : public VolumeTest {
-  protected:
-    int getExtents(int capacity) {
-        log.clear();
-        done = 0;
-        return rvp_map_get_extent(instance, file, 300, extents, capacity, &count, &done,
-                                  reinterpret_cast<kmp_mapdomain_node*>(0x10));
-    }
-
-    // Opens the file again, after its record changed.
-    void reopen() {
-        close(file);
-        file = openFile(volume);
-    }
-
-    kmp_obj* file = openFile(volume);
-    kmp_extent extents[4] = {};
-    int count = -1;
-    int done = -1;
-};
-
-TEST_F(FileTest, RoundsExtentLengthsUpToTheSector) {
+TEST_F(ObjectTest, FileRoundsExtentLengthsUpToTheSector) {
     script.extents = {{4096, 1000, 7, 0}, {8192, 1024, 0x80000010, 0}, {0, 0, 0, 0}};
     script.extentCount = 3;
     std::memset(extents, 0xAA, sizeof extents);
@@ -155,7 +152,7 @@ TEST_F(FileTest, RoundsExtentLengthsUpToTheSector) {
                 ElementsAre(4096, 1024, 7, 1024, 0x80000010, 0xAA));
 }
 
-TEST_F(FileTest, ChecksTheCountBeforeTheStatus) {
+TEST_F(ObjectTest, FileChecksTheCountBeforeTheStatus) {
     script.status["getExtents"] = FSO_NOT_PERMITTED;
     for (const uint32_t reported : {0U, 3U, 0x80000000U}) {
         script.extentCount = reported;
@@ -174,11 +171,10 @@ TEST_F(FileTest, ChecksTheCountBeforeTheStatus) {
     }
 }
 
-TEST_F(FileTest, CopiesTheLibrarysFileRecord) {
+TEST_F(ObjectTest, FileCopiesTheLibrarysRecord) {
     script.file = {S_IFREG | 0640, 2, 0x0000006400000064, 12345, 24, 40, {-1, 1}, {2, 3}, {4, 5},
                    {6, 7},         80};
     reopen();
-    kmp_file stat;
     std::memset(&stat, 0xAA, sizeof stat);
     ASSERT_EQ(rvp_map_stat_file(instance, file, &stat), 0);
     EXPECT_THAT((Words{stat.mode, stat.linkCount, stat.type, stat.owner, stat.size, stat.blocks,
@@ -188,13 +184,12 @@ TEST_F(FileTest, CopiesTheLibrarysFileRecord) {
                        stat.modifyTime.fraction, stat.changeTime.seconds, stat.changeTime.fraction,
                        stat.createTime.seconds, stat.createTime.fraction}),
                 ElementsAre(2208988799, 1, 2208988802, 3, 2208988804, 5, 2208988806, 7));
-    kmp_obj_prop* property = nullptr;
     ASSERT_EQ(rvp_map_get_obj_prop(instance, file, &property), 0);
     EXPECT_EQ(property->kind, 6U);
     EXPECT_EQ(property->size, 12345U);
 }
 
-TEST_F(FileTest, TypesAreTheHosts) {
+TEST_F(ObjectTest, FileTypesAreTheHosts) {
     const std::pair<unsigned, unsigned> types[] = {{S_IFREG, 1}, {S_IFDIR, 2}, {S_IFBLK, 3},
                                                    {S_IFCHR, 4}, {S_IFLNK, 5}, {S_IFIFO, 6},
                                                    {0, 10},      {S_IFSOCK, 6}};
@@ -203,14 +198,13 @@ TEST_F(FileTest, TypesAreTheHosts) {
         script.file.size = 4096;
         reopen();
         EXPECT_EQ(flags, type < 3 || type > 6 ? 0 : KMP_OPEN_SPECIAL) << mode;
-        kmp_file stat;
         ASSERT_EQ(rvp_map_stat_file(instance, file, &stat), 0);
         EXPECT_EQ(stat.type, type);
         EXPECT_EQ(stat.size, type == 2 ? 0U : 4096U) << "directories report no size";
     }
 }
 
-TEST_F(FileTest, ReadsDirectoriesOnly) {
+TEST_F(ObjectTest, FileListsDirectoriesOnly) {
     kmp_io_req request = {};
     request.buffer = 0x1000;
     request.bufferSize = 64;
@@ -232,8 +226,7 @@ TEST_F(FileTest, ReadsDirectoriesOnly) {
     EXPECT_EQ(request.error, 5U);
 }
 
-TEST_F(FileTest, HandsOutTheLibrarysMetadata) {
-    script.metadata = {{1, 2}, {3, 4}, {5, 6}};
+TEST_F(ObjectTest, FileHandsOutTheLibrarysMetadata) {
     script.file.accessTime.fraction = 010;
     script.file.modifyTime.fraction = 07;
     script.file.createTime.fraction = ~0U;
@@ -251,7 +244,7 @@ TEST_F(FileTest, HandsOutTheLibrarysMetadata) {
     EXPECT_EQ(rvp_map_objctl(instance, file, KMP_OCGETEXTFILE, nullptr), 11);
 }
 
-TEST_F(FileTest, IsClosedInTheLibraryEvenIfItDidNotOpen) {
+TEST_F(ObjectTest, FileIsClosedInTheLibraryEvenIfItDidNotOpen) {
     script.status = {{"openFile", FSO_UNSUPPORTED}, {"closeFile", FSO_IO}};
     script.calls.clear();
     kmp_obj* failed = volume;

@@ -30,7 +30,7 @@ std::FILE* __wrap_fopen(const char* name, const char* mode) {
         return __real_fopen(name, mode);
     }
     ++s_controlFileReads;
-    return fmemopen(s_controlFile.data(), s_controlFile.size(), mode); // null when it is empty
+    return fmemopen(s_controlFile.data(), s_controlFile.size(), mode);
 }
 
 // Stands before the host's.

@@ -48,7 +48,7 @@ class ScriptedObject : public IFileSystemObjectV1 {
         return answer("getExtents");
     }
     uint32_t getMetadata(uint64_t /*index*/, fso_metadata* metadata) override {
-        *metadata = g_script.metadata;
+        *metadata = {{1, 2}, {3, 4}, {5, 6}};
         return answer("getMetadata");
     }
     uint32_t closeFile(uint64_t /*index*/) override { return answer("closeFile"); }

@@ -16,7 +16,6 @@ struct FsoScript {
     std::map<std::string, uint32_t> status; // by operation; FSO_OK where none is given
     fso_fs_record fs = {};
     fso_file_record file = {};
-    fso_metadata metadata = {};
     std::vector<fso_extent> extents;
     uint32_t extentCount = 0; // what is reported, whatever was written
 
