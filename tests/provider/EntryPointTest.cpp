@@ -176,6 +176,9 @@ TEST_F(EntryPointTest, NamesItsObjectAndLogsWhatIsNotSupported) {
                             "rvp_map_get_names:libdorado <DEBUG> Returning: KMP_ENOTSUP",
                             "rvpMapCheckConfigId:RvpFsoCoordinator <WARN> Returning: 3",
                             "rvp_map_check_configid:libdorado <WARN> Returning: 3"));
+    auto* config = reinterpret_cast<kmp_configid*>(room);
+    EXPECT_EQ(rvp_map_check_configid(instance, file, &flags), 4);
+    EXPECT_EQ(rvp_map_get_configid(instance, file, config, config, &flags), 4);
 }
 
 TEST_F(EntryPointTest, GivesTheTextsOfCodes) {

@@ -22,8 +22,14 @@ class ManagerTest : public ProviderTest {
 
 TEST_F(ManagerTest, LoadsInitialisesAndClaims) {
     const auto read = [](void*, unsigned long, unsigned long, char*) { return false; };
+    const auto optimize = [](void*, unsigned long, unsigned long, bool) { return false; };
+    const auto extent = [](void*, unsigned long, unsigned long, unsigned long&, bool&) {
+        return false;
+    };
     const auto keepAlive = [](void*) { return 0; };
     EXPECT_EQ(rvp_map_set_volume_read_callback(instance, read, this), 0);
+    EXPECT_EQ(rvp_map_set_volume_optimize_callback(instance, optimize, nullptr), 0);
+    EXPECT_EQ(rvp_map_set_volume_extent_callback(instance, extent, nullptr), 0);
     EXPECT_EQ(rvp_map_set_keep_alive_callback(instance, keepAlive), 0);
     EXPECT_EQ(rvp_map_set_logical_sector_size(instance, 4096), 0);
     log.clear();
