@@ -17,9 +17,8 @@ status=0
 for list in exported imported needed; do
     if [ "${3:-}" = --update ]; then
         cp "$work/$list.txt" "$directory/$list.txt"
-    elif ! diff -u "$directory/$list.txt" "$work/$list.txt" | c++filt; then
-        :
     fi
-    cmp -s "$directory/$list.txt" "$work/$list.txt" || status=1
+    diff -u "$directory/$list.txt" "$work/$list.txt" >"$work/diff" || status=1
+    c++filt <"$work/diff"
 done
 exit $status
