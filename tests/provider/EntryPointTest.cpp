@@ -94,8 +94,12 @@ TEST_F(EntryPointTest, RefusesNullAndForeignHandles) {
         handle = static_cast<RvpInstance*>(bad);
         for (const EntryPoint& entry : entryPoints) {
             EXPECT_EQ(call(entry, nullptr), 7) << entry.name;
-            EXPECT_EQ(log.lines()[0], entry.name + line);
+            EXPECT_THAT(log.lines(), ElementsAre(entry.name + line,
+                                                 entry.name + ":libdorado <WARN> Returning: 7"));
         }
+        EXPECT_EQ(rvp_map_open_id(handle, nullptr, nullptr, nullptr, 1, &flags, nullptr), 7);
+        EXPECT_EQ(rvp_map_claim_volume(handle, "v"), KM_CLAIM_NONE);
+        EXPECT_EQ(log.lines().back(), "rvp_map_claim_volume" + line);
         EXPECT_EQ(rvp_map_claim_id(handle, nullptr), KM_CLAIM_NONE);
         EXPECT_EQ(log.lines().back(), "rvp_map_claim_id" + line);
         rvp_map_fini(handle);
@@ -148,6 +152,8 @@ TEST_F(EntryPointTest, RefusesWrongIdsAndAccess) {
                   passes ? 4 : 3);
     }
     EXPECT_EQ(rvp_map_open_id(instance, nullptr, nullptr, &out, 1, &flags, nullptr), 3);
+    EXPECT_EQ(rvp_map_open_id(instance, &id, nullptr, nullptr, 1, &flags, nullptr), 3);
+    EXPECT_EQ(rvp_map_open_id(instance, &id, nullptr, &out, 1, nullptr, nullptr), 3);
     id.name = nullptr;
     EXPECT_EQ(rvp_map_open_id(instance, &id, nullptr, &out, 1, &flags, nullptr), 3);
     log.clear();
@@ -198,6 +204,32 @@ TEST_F(EntryPointTest, TheHandlerIsThatOfTheLastInstanceAndGoesWithAny) {
     EXPECT_EQ(rvp_map_close(instance, nullptr), 3);
     EXPECT_EQ(later.heard.size(), 1U);
     EXPECT_THAT(listener.heard, IsEmpty());
+}
+
+// A host that wants no log: the decision falls before its first call.
+struct Silence {
+    Silence() { km_debug_level = 0; }
+};
+class SilentTest : Silence, public EntryPointTest {};
+
+TEST_F(SilentTest, AnswersTheSameAndLogsNothing) {
+    kmp_obj* file = openFile(volume);
+    for (const EntryPoint& entry : entryPoints) {
+        if (entry.takes != 0) {
+            EXPECT_EQ(call(entry, nullptr), 3) << entry.name;
+            EXPECT_EQ(listener.heard.size(), 1U);
+        }
+    }
+    EXPECT_EQ(rvp_map_objctl(instance, volume, 77, nullptr), 3);
+    EXPECT_EQ(rvp_map_objctl(instance, volume, KMP_OCSETEXTFS, nullptr), 4);
+    kmp_name* names = nullptr;
+    EXPECT_EQ(rvp_map_get_names(instance, file, 0, &names, &flags), 4);
+    EXPECT_EQ(script.log(FS_LOG_WARNING, "a line of the library\n"), 1);
+    handle = nullptr;
+    EXPECT_EQ(call(entryPoints.front(), file), 7);
+    script.status = {{"closeFile", FSO_IO}, {"closeFileSystemObject", FSO_IO}};
+    end();
+    EXPECT_THAT(log.caught, IsEmpty());
 }
 
 } // namespace

@@ -81,6 +81,9 @@ TEST_F(ObjectTest, FileSystemAnswersControlCommands) {
     EXPECT_EQ(control(KMP_OCGETEXTFS, nullptr), 4);
     EXPECT_EQ(control(KMP_OCSETEXTFS, nullptr), 4);
     EXPECT_THAT(log.lines(), Contains("rvpMapObjCtl:RvpFsoCoordinator <TRACE> Object: VOL1 cmd:2"));
+    EXPECT_THAT(log.lines(),
+                Contains("objCtl:RvpFsoFileSystem <ERROR> KMP_OCGETEXTFS/KMP_OCSETEXTFS "
+                         "Operation not supported"));
     EXPECT_EQ(control(77, nullptr), 3);
     EXPECT_THAT(log.lines(),
                 Contains("objCtl:RvpFsoFileSystem <ERROR> Unsupported option. cmd = 77 "));
@@ -109,6 +112,8 @@ TEST_F(ObjectTest, FileSystemWithoutARecordAnswersAlmostNothing) {
     script.calls.clear();
     EXPECT_EQ(whole.init(4096, whole.fso), 0);
     EXPECT_THAT(script.calls, IsEmpty()) << "the record is read once";
+    EXPECT_THAT(log.lines(),
+                Contains("init:RvpFsoFileSystem <WARN> FS object is already initialized"));
 
     RvpFsoFileSystem empty("");
     ASSERT_EQ(empty.openFileSystem(&volume, KMP_OPEN_READ, &flags), 0);
@@ -247,6 +252,20 @@ TEST_F(ObjectTest, FileHandsOutTheLibrarysMetadata) {
     EXPECT_EQ(rvp_map_objctl(instance, file, 1000, &found), 4);
     script.status["getMetadata"] = FSO_IO;
     EXPECT_EQ(rvp_map_objctl(instance, file, KMP_OCGETEXTFILE, nullptr), 11);
+}
+
+// A library may throw the provider's own errors.
+TEST_F(ObjectTest, FileThatIsNotAllocatedHasNoResultLineOfTheEntryPoint) {
+    for (const int code : {2058, 2072}) {
+        script.thrown = code;
+        log.clear();
+        kmp_obj* failed = volume;
+        EXPECT_EQ(rvp_map_open_file_index(instance, volume, 7, &failed, 1, &flags, nullptr), code);
+        EXPECT_EQ(failed, nullptr);
+        EXPECT_EQ(log.lines().back(), "rvpMapOpenFileIndex:RvpFsoCoordinator <WARN> Returning: " +
+                                          std::to_string(code));
+        EXPECT_THAT(log.lines(), Each(Not(StartsWith("openFileIndex:RvpFsoFileSystem"))));
+    }
 }
 
 TEST_F(ObjectTest, FileIsClosedInTheLibraryEvenIfItDidNotOpen) {

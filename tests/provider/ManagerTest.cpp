@@ -86,6 +86,7 @@ TEST_F(ManagerTest, OpensOnlyWhatWasClaimedAndCanBeRead) {
                   "plugin_report_claim:LogHelper.h <INFO> Return KM_CLAIM_NONE for: VOL1");
     }
     EXPECT_EQ(rvp_map_claim_id(instance, &id), KM_CLAIM_NONE);
+    EXPECT_EQ(log.lines().back(), "claimId:RvpFsoFileSystemMgr <INFO> KM_CLAIM_NONE");
     expectNotOpened(1);
     script.status = {{"statFs", FSO_IO}};
     claim("VOL1");
@@ -104,6 +105,7 @@ TEST_F(ManagerTest, IdsMatchInAnyCaseAndTheFirstClaimWins) {
     claim("Vol1");
     claim("VOL1");
     EXPECT_EQ(rvp_map_claim_id(instance, &id), KM_CLAIM_PRIMARY);
+    EXPECT_EQ(log.lines().back(), "claimId:RvpFsoFileSystemMgr <INFO> KM_CLAIM_PRIMARY");
     kmp_obj* volume = openVolume();
     EXPECT_STREQ(volume->name, "Vol1");
     EXPECT_STREQ(volume->displayName, "Vol1");

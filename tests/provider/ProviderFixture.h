@@ -16,8 +16,11 @@
 #include <vector>
 
 using testing::Contains;
+using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
 using Heard = ErrorListener::Heard;
 
 inline struct km_objid idOf(const char* name) {

@@ -1,5 +1,7 @@
 #include "ScriptedFso.h"
 
+#include "Error.h"
+
 #include <algorithm>
 #include <dlfcn.h>
 
@@ -31,6 +33,9 @@ class ScriptedObject : public IFileSystemObjectV1 {
     }
     uint32_t openFile(uint64_t /*index*/, fso_file_record* record, uint32_t* /*flags*/) override {
         *record = g_script.file;
+        if (g_script.thrown != 0) {
+            throw OrmaError(g_script.thrown, "scripted", 1, "openFile");
+        }
         return answer("openFile");
     }
     uint32_t readDir(uint64_t /*index*/, fso_dir_request* request, uint32_t* entryCount) override {

@@ -14,6 +14,7 @@ struct FsoScript {
     // What the library answers; to a listing, three entries in 48 bytes.
     std::set<std::string> lacks;            // symbols, or "libfso.so" as a whole
     std::map<std::string, uint32_t> status; // by operation; FSO_OK where none is given
+    int thrown = 0;                         // as an error of this code, by openFile
     fso_fs_record fs = {};
     fso_file_record file = {};
     std::vector<fso_extent> extents;
