@@ -21,6 +21,7 @@ struct Fault {
         strikes += now ? 1 : 0;
         return now;
     }
+    bool hasStruck() const { return number != 0 && strikes != 0; }
 };
 
 namespace FaultyHeap {
@@ -28,21 +29,13 @@ namespace FaultyHeap {
 // They serve before any constructor has run.
 inline constinit Fault fault; // of the watched allocations
 inline constinit bool isWatched = false;
-inline constinit std::atomic<long> liveBlocks = 0; // a sanitizer's threads free as well
+inline constinit std::atomic<long> liveBlocks = 0; // in the whole process; any thread may free
 
 // Allocations are watched while it lives.
 struct Watch {
     Watch() { isWatched = true; }
     ~Watch() { isWatched = false; }
 };
-
-// How many blocks the call leaves behind, in the whole process.
-template <typename Call>
-long growthBy(Call call) {
-    const long before = liveBlocks;
-    call();
-    return liveBlocks - before;
-}
 
 } // namespace FaultyHeap
 

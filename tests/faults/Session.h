@@ -1,6 +1,6 @@
 // One session of a host, step by step, over a volume in memory: from rvp_map_init to rvp_map_fini,
-// and every kind of file. Reads and allocations may fail; each step knows which answers a fault may
-// have, and is repeated without faults after any other answer than the usual one.
+// and every kind of file. Reads and allocations may fail; a step that then gives one of the answers
+// promised for it is repeated without faults. So all sessions over a volume have one transcript.
 #ifndef TESTS_FAULTS_SESSION_H
 #define TESTS_FAULTS_SESSION_H
 
@@ -15,24 +15,14 @@
 // reference library reads.
 std::string makeVolume(const std::string& type);
 
-struct Step {
-    static constexpr int NO_MEMORY = -1; // in place of a code: the standard exception
-
-    std::string name;
-    int code = 0;
-    std::string content = "";
-
-    bool operator==(const Step&) const = default;
-};
-using Transcript = std::vector<Step>;
-
 class Session {
   public:
-    // `usual` is what a session without faults answers at first. The arguments outlive the session.
-    explicit Session(const std::string& volume, const Transcript& usual = {});
+    // The volume outlives the session.
+    explicit Session(const std::string& volume) : m_volume(volume) {}
 
-    // All of the steps below, over the files that the directories name.
+    // A whole one, over the files that the directories name.
     void run();
+    void walkAndFinish();
 
     void start();
     void claim();
@@ -42,15 +32,13 @@ class Session {
     void closeVolume();
     void finish();
 
-    Fault readFault; // of the volume's reads
-    Transcript transcript;
-    // Answers that no fault explains, and steps that failed once more.
-    std::vector<std::string> problems;
+    Fault readFault;                     // of the volume's reads
+    std::vector<std::string> transcript; // name, code and content of each step
     // The blocks of a library object that a failed claim may have left behind.
     long mayKeep = 0;
 
   private:
-    // What short memory and a failed read may come to.
+    // What short memory, or a failed read, may come to.
     using Codes = std::vector<int>;
 
     static bool read(void* self, unsigned long offset, unsigned long length, char* buffer);
@@ -63,7 +51,6 @@ class Session {
                  Function function, Arguments... arguments);
 
     const std::string& m_volume;
-    const Transcript m_usual;
     RvpInstance* m_instance = nullptr;
     kmp_obj* m_fileSystem = nullptr;
 };

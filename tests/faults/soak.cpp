@@ -14,7 +14,6 @@
 #include <iterator>
 #include <map>
 #include <memory>
-#include <utility>
 
 namespace {
 
@@ -32,9 +31,8 @@ long peakKib() {
     std::string word;
     while (status >> word && word != "VmHWM:") {
     }
-    long size = 0;
-    status >> size;
-    return size;
+    status >> word;
+    return std::stol(word);
 }
 
 long descriptors() {
@@ -58,7 +56,7 @@ bool serve(std::unique_ptr<Session>& instance, const std::string& volume, unsign
     const uint64_t file = files[round % files.size()];
     instance->visit(file);
     instance->closeVolume();
-    static std::map<std::pair<const std::string*, uint64_t>, Transcript> usual;
+    static std::map<std::pair<const std::string*, uint64_t>, std::vector<std::string>> usual;
     const auto first = usual.try_emplace({&volume, file}, instance->transcript).first;
     return first->second == instance->transcript;
 }
@@ -72,16 +70,15 @@ int main(int count, char** arguments) {
         return 2;
     }
     km_root = ROOT;
-    const std::string volumes[] = {makeVolume("Ext4"), makeVolume("Ext2")};
+    const std::string volumes[] = {makeVolume("ext4"), makeVolume("ext2")};
     std::unique_ptr<Session> instances[INSTANCES];
     const long descriptorsBefore = descriptors();
     long peakBefore = 0;
     long changed = 0;
     const auto started = std::chrono::steady_clock::now();
     for (unsigned long round = 0; round < rounds; ++round) {
-        const bool same =
-            serve(instances[round % INSTANCES], volumes[round % 2], round / INSTANCES);
-        changed += same ? 0 : 1;
+        changed +=
+            serve(instances[round % INSTANCES], volumes[round % 2], round / INSTANCES) ? 0 : 1;
         if (round == FIRST_ROUNDS) {
             peakBefore = peakKib();
         }
