@@ -165,7 +165,8 @@ void Session::step(const std::string& name, const Codes& ofMemory, const Codes& 
         content.clear();
         code = call(content);
     }
-    transcript.push_back(name + ": " + std::to_string(code) + " " + content);
+    const std::size_t hash = std::hash<std::string>()(content);
+    transcript.push_back(name + ": " + std::to_string(code) + ", " + std::to_string(hash));
 }
 
 // A step that always has its usual answer.

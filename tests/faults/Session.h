@@ -33,7 +33,7 @@ class Session {
     void finish();
 
     Fault readFault;                     // of the volume's reads
-    std::vector<std::string> transcript; // name, code and content of each step
+    std::vector<std::string> transcript; // name, code and content's hash of each step
     // The blocks of a library object that a failed claim may have left behind.
     long mayKeep = 0;
 
