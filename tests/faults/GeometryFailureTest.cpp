@@ -7,7 +7,6 @@
 #include "support/Files.h"
 
 #include <gtest/gtest.h>
-#include <new>
 
 namespace {
 

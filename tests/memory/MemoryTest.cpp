@@ -13,32 +13,27 @@
 namespace {
 
 using Lines = std::vector<std::string>;
-
 const std::string GUARD = "RvMS";
 
 // The block's usable bytes and the guard behind them; "none" without a block.
 std::string bytesOf(const RvpMemory& memory) {
-    if (memory.getMemory() == nullptr && memory.getSize() == 0) {
-        return "none";
-    }
-    return {static_cast<const char*>(memory.getMemory()), memory.getSize() + GUARD.size()};
+    const auto* bytes = static_cast<const char*>(memory.getMemory());
+    return bytes != nullptr ? std::string(bytes, memory.getSize() + GUARD.size()) : "none";
 }
 
 TEST(Memory, BlocksAreZeroAndGrowKeepingTheirBytes) {
     RvpMemory memory;
-    for (const unsigned long size : {0UL, 1UL, 5UL, 4096UL}) {
+    for (const unsigned long size : {0UL, 5UL, 4096UL}) {
         memory.alloc(size);
         EXPECT_EQ(bytesOf(memory), std::string(size, '\0') + GUARD);
-        std::memset(memory.getMemory(), 'x', size);
+        std::memset(memory, 'x', size);
     }
     memory.extend(5000);
     memory.extend(1); // never shrinks
     EXPECT_EQ(bytesOf(memory), std::string(4096, 'x') + std::string(904, '\0') + GUARD);
-    std::uintptr_t words[4];
-    std::memcpy(words, static_cast<const void*>(std::addressof(memory)), sizeof words);
-    EXPECT_EQ(words[1], 5000U);
-    EXPECT_EQ(words[2], reinterpret_cast<std::uintptr_t>(memory.getMemory()));
-    EXPECT_EQ(words[3], 5004U);
+    void* fields[4];
+    std::memcpy(fields, static_cast<const void*>(std::addressof(memory)), sizeof fields);
+    EXPECT_EQ(fields[2], memory.getMemory()); // between the two sizes
 }
 
 TEST(Memory, CopiesAreDeep) {
@@ -47,8 +42,7 @@ TEST(Memory, CopiesAreDeep) {
     RvpMemory two(one);
     std::memset(two, 'j', 1);
     EXPECT_EQ(bytesOf(one), "hello" + GUARD);
-    const RvpMemory& self = two;
-    two = self;
+    two = static_cast<const RvpMemory&>(two);
     EXPECT_EQ(bytesOf(two), "jello" + GUARD);
     one.copy(nullptr, 0); // no bytes, but a block
     two = one;
@@ -60,19 +54,18 @@ TEST(Memory, CopiesAreDeep) {
 // Each way of releasing a block looks at its guard.
 TEST(Memory, ADamagedGuardIsLoggedWhenTheBlockIsReleased) {
     LogCapture log;
-    {
-        RvpMemory memory;
-        const auto damaged = [&memory]() -> RvpMemory& {
-            memory.alloc(8);
-            static_cast<char*>(memory.getMemory())[11] ^= 1;
-            return memory;
-        };
-        damaged().freeMemory();
-        damaged().alloc(1);
-        damaged().extend(100);
-        damaged() = RvpMemory();
-        damaged();
-    }
+    RvpMemory memory;
+    const auto damaged = [&memory]() -> RvpMemory& {
+        memory.alloc(8);
+        static_cast<char*>(memory.getMemory())[11] ^= 1;
+        return memory;
+    };
+    damaged().freeMemory();
+    damaged().alloc(1);
+    damaged().extend(100);
+    damaged() = RvpMemory();
+    damaged().~RvpMemory();
+    new (&memory) RvpMemory;
     EXPECT_EQ(log.lines(), Lines(5, "freeMemory:RvpMemory <DEBUG> Invalid memory signature, check "
                                     "for memory consistency"));
 }
@@ -98,12 +91,10 @@ TEST(MemoryDump, IsAllowedOnceByTheSignOfTheDebugLevel) {
     EXPECT_FALSE(memory.dump("block", 0, nullptr));
     km_debug_level = INT_MIN;
     EXPECT_TRUE(memory.dump("block", 0, nullptr));
-    EXPECT_EQ(readFile(folder / "block.rvpmem"), "0123456789");
     km_debug_level = 1;
     km_log_root = "/nowhere"; // neither matters from now on
     EXPECT_TRUE(memory.dump("block", 1000, nullptr));
     EXPECT_EQ(readFile(folder / "block.rvpmem"), "0123456789" + GUARD);
-    EXPECT_TRUE(RvpMemory().dump("empty", 5, nullptr));
 
     LogCapture log;
     std::FILE* stream = nullptr;
@@ -112,11 +103,10 @@ TEST(MemoryDump, IsAllowedOnceByTheSignOfTheDebugLevel) {
     EXPECT_TRUE(memory.dump("other", 0, &stream)); // goes into the same stream
     std::fclose(stream);
     EXPECT_EQ(readFile(folder / "stream.rvpmem"), "010123456789");
-    const std::string impossible = folder / "none/block.rvpmem";
-    EXPECT_EQ(log.lines(),
-              (Lines{"dump:RvpMemory <INFO> Opening log file: " + impossible,
-                     "dump:RvpMemory <WARN> Unable to create log file: " + impossible,
-                     "dump:RvpMemory <INFO> Opening log file: " + (folder / "stream.rvpmem")}));
+    const std::string opening = "dump:RvpMemory <INFO> Opening log file: " + folder.path();
+    const std::string failed = "dump:RvpMemory <WARN> Unable to create log file: " + folder.path();
+    EXPECT_EQ(log.lines(), (Lines{opening + "/none/block.rvpmem", failed + "/none/block.rvpmem",
+                                  opening + "/stream.rvpmem"}));
 
     stream = std::fopen("/dev/full", "wb");
     std::setvbuf(stream, nullptr, _IONBF, 0);
