@@ -59,7 +59,7 @@ void free(void* block) {
 } // extern "C"
 
 #if defined(ABOVE_SANITIZER)
-// The sanitizer has these of its own, which would not come here; the forms for arrays stay its own.
+// The sanitizer has these of its own, which would not come here.
 extern "C" char* strdup(const char* text) {
     const std::size_t size = std::strlen(text) + 1;
     void* copy = malloc(size);
@@ -70,16 +70,32 @@ void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
     return malloc(size);
 }
 
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+    return malloc(size);
+}
+
 void* operator new(std::size_t size) {
     void* block = malloc(size);
     return block != nullptr ? block : throw std::bad_alloc();
+}
+
+void* operator new[](std::size_t size) {
+    return operator new(size);
 }
 
 void operator delete(void* block) noexcept {
     free(block);
 }
 
+void operator delete[](void* block) noexcept {
+    free(block);
+}
+
 void operator delete(void* block, std::size_t) noexcept {
+    free(block);
+}
+
+void operator delete[](void* block, std::size_t) noexcept {
     free(block);
 }
 
