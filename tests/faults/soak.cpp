@@ -12,13 +12,14 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <memory>
 
 namespace {
 
-constexpr std::size_t INSTANCES = 4;
-constexpr long ROUNDS_AN_INSTANCE = 8; // every claim holds its volume's windows until the end
-constexpr long FIRST_ROUNDS = 2000;
+constexpr unsigned long INSTANCES = 4;
+constexpr unsigned long ROUNDS_AN_INSTANCE = 8; // every claim holds its windows until the end
+constexpr unsigned long FIRST_ROUNDS = 2000;
 #if defined(__SANITIZE_ADDRESS__)
 constexpr long ALLOWED_GROWTH_KIB = 512 * 1024; // freed memory is held back
 #else
@@ -30,89 +31,65 @@ long peakKib() {
     std::string word;
     while (status >> word && word != "VmHWM:") {
     }
-    long size = 0;
-    status >> size;
-    return size;
+    status >> word;
+    return std::stol(word);
 }
 
 long descriptors() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
-// An instance, the volume that it serves, and the answers of its first round.
-struct Seat {
-    const std::string* volume;
-    std::unique_ptr<Session> session;
-    std::vector<Transcript> usual; // one for each file of the root directory, which take turns
-    long rounds = 0;
-};
-
-bool sameAsBefore(Seat& seat) {
-    const std::size_t turn = static_cast<std::size_t>(seat.rounds) % seat.usual.size();
-    Transcript& answers = seat.session->transcript;
-    if (seat.usual[turn].empty()) {
-        seat.usual[turn] = answers;
+// One round of an instance; every few, the instance begins anew. The files of the root directory
+// take turns. Whether the answers were those of the first round over the same file.
+bool serve(std::unique_ptr<Session>& instance, const std::string& volume, unsigned long round) {
+    if (round % ROUNDS_AN_INSTANCE == 0) {
+        if (instance != nullptr) {
+            instance->finish();
+        }
+        instance = std::make_unique<Session>(volume);
+        instance->start();
     }
-    const bool same = answers == seat.usual[turn];
-    answers.clear();
-    return same;
-}
-
-// One round; every few, the instance begins anew.
-bool serve(Seat& seat, Faults& none) {
-    if (seat.session == nullptr) {
-        seat.session = std::make_unique<Session>(*seat.volume, none);
-        seat.session->listsAnything = false;
-        seat.session->start();
-        seat.session->transcript.clear();
-    }
-    Session& session = *seat.session;
-    session.claim();
-    session.openVolume();
-    session.describeVolume();
-    session.visit(2);
-    const std::vector<uint64_t> files = session.found();
-    seat.usual.resize(files.size());
-    session.visit(files[static_cast<std::size_t>(seat.rounds) % files.size()]);
-    session.closeVolume();
-    const bool same = sameAsBefore(seat);
-    if (++seat.rounds % ROUNDS_AN_INSTANCE == 0) {
-        seat.session.reset();
-    }
-    return same;
+    instance->transcript.clear();
+    instance->claim();
+    instance->openVolume();
+    const std::vector<uint64_t> files = instance->visit(2);
+    const uint64_t file = files[round % files.size()];
+    instance->visit(file);
+    instance->closeVolume();
+    static std::map<std::pair<const std::string*, uint64_t>, std::vector<std::string>> usual;
+    const auto first = usual.try_emplace({&volume, file}, instance->transcript).first;
+    return first->second == instance->transcript;
 }
 
 } // namespace
 
 int main(int count, char** arguments) {
-    const long rounds = count == 2 ? std::atol(arguments[1]) : 0;
+    const unsigned long rounds = count == 2 ? std::strtoul(arguments[1], nullptr, 10) : 0;
     if (rounds <= FIRST_ROUNDS) {
-        std::fprintf(stderr, "usage: soak ROUNDS, more than %ld\n", FIRST_ROUNDS);
+        std::fprintf(stderr, "usage: soak ROUNDS, more than %lu\n", FIRST_ROUNDS);
         return 2;
     }
     km_root = ROOT;
-    const std::vector<std::string> volumes = {makeVolume(VOLUME_OPTIONS[0]),
-                                              makeVolume(VOLUME_OPTIONS[1])};
-    Faults none;
-    std::vector<Seat> seats(INSTANCES);
-    for (std::size_t i = 0; i < INSTANCES; ++i) {
-        seats[i].volume = &volumes[i % volumes.size()];
-    }
+    const std::string volumes[] = {makeVolume("ext4"), makeVolume("ext2")};
+    std::unique_ptr<Session> instances[INSTANCES];
     const long descriptorsBefore = descriptors();
     long peakBefore = 0;
     long changed = 0;
     const auto started = std::chrono::steady_clock::now();
-    for (long round = 0; round < rounds; ++round) {
-        changed += serve(seats[static_cast<std::size_t>(round) % INSTANCES], none) ? 0 : 1;
+    for (unsigned long round = 0; round < rounds; ++round) {
+        changed +=
+            serve(instances[round % INSTANCES], volumes[round % 2], round / INSTANCES) ? 0 : 1;
         if (round == FIRST_ROUNDS) {
             peakBefore = peakKib();
         }
     }
-    seats.clear();
+    for (const auto& instance : instances) {
+        instance->finish();
+    }
     const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - started;
     const long growth = peakKib() - peakBefore;
     const long left = descriptors() - descriptorsBefore;
-    std::printf("%ld rounds in %.0f s: peak %ld KiB after %ld rounds, %+ld KiB since then; "
+    std::printf("%lu rounds in %.0f s: peak %ld KiB after %lu rounds, %+ld KiB since then; "
                 "%ld descriptors left open; %ld answers changed\n",
                 rounds, taken.count(), peakBefore, FIRST_ROUNDS, growth, left, changed);
     return growth <= ALLOWED_GROWTH_KIB && left == 0 && changed == 0 ? 0 : 1;
