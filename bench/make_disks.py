@@ -11,7 +11,7 @@ import subprocess
 import sys
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, f"{os.path.dirname(HERE)}/tests/stack")
+sys.path.insert(0, f"{os.path.dirname(HERE)}/fuzz")
 from lvm_disks import EXTENT, group, physical_volume, stripes, volume  # noqa: E402
 from md_disks import SECTOR, SUPER_SECTOR, make_array, superblock  # noqa: E402
 

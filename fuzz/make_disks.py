@@ -10,10 +10,9 @@ import subprocess
 import sys
 import tempfile
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../tests/stack"))
-import lvm_disks  # noqa: E402
-from lvm_disks import EXTENT, group, physical_volume, segment, stripes, volume  # noqa: E402
-from md_disks import make_array, member_data  # noqa: E402
+import lvm_disks
+from lvm_disks import EXTENT, group, physical_volume, segment, stripes, volume
+from md_disks import make_array, member_data
 
 KIB = 1024
 # Every byte of a disk costs time in each of a million runs.

@@ -4,6 +4,7 @@
 #include "RvpFsoFile.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -19,6 +20,19 @@ constexpr uint32_t TRAVERSE_ATTRIBUTE = 1;
 uint64_t roundedToFileCountUnit(uint64_t count) {
     return (count + FILE_COUNT_UNIT - 1) / FILE_COUNT_UNIT * FILE_COUNT_UNIT;
 }
+
+// The fields' places are part of the binary interface. The type is not of standard layout, yet the
+// compilers at hand define offsetof for all but virtual bases.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Winvalid-offsetof"
+using Layout = RvpFsoFileSystem;
+static_assert(offsetof(Layout, signature) == 8 && offsetof(Layout, objectType) == 12);
+static_assert(offsetof(Layout, obj) == 16 && offsetof(Layout, propList) == 168);
+static_assert(offsetof(Layout, linkPropList) == 200 && offsetof(Layout, volumeId) == 232);
+static_assert(offsetof(Layout, volumeName) == 240 && offsetof(Layout, openFlags) == 272);
+static_assert(offsetof(Layout, fsRecord) == 280 && offsetof(Layout, initialised) == 400);
+static_assert(offsetof(Layout, fso) == 408 && offsetof(Layout, sectorSize) == 416);
+#pragma GCC diagnostic pop
 
 } // namespace
 

@@ -79,6 +79,11 @@ class Volume(OwnerTest):
                       "/file1  (unwritten)", "1.0KB in 2 files, 1B in no file"):
             self.assertIn(words, text)
 
+        # Without a root, nothing is known to be free.
+        self.debugfs("clri <2>")
+        done = self.run_tool("-d", "image", "owner", "image", "0", status=3)
+        self.assertIn(b"(in no volume that can be read)", done.stdout)
+
     def test_ddrescue_map_files(self):
         at = self.first_run("/d/inner")
         (self.folder / "map").write_text(

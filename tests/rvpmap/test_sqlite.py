@@ -66,5 +66,9 @@ class SqliteCatalogue(ToolTest):
         plain = self.write(name="plain.db")
         self.assertEqual(plain.execute("SELECT with_extents, (SELECT count(*) FROM extent) "
                                        "FROM volume").fetchone()[:], (0, 0))
+        (self.folder / "other").write_bytes(bytes(4096))
+        disks = self.write("--extents", "-d", "other", "-d", "image", name="disks.db").execute(
+            "SELECT DISTINCT name FROM disk_run JOIN disk ON disk.id = disk").fetchall()
+        self.assertEqual([disk["name"] for disk in disks], ["image"])
         self.assertIn("not a regular file", self.message(
             "catalog", "image", "--format", "sqlite", "-o", "source", status=3))

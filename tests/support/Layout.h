@@ -1,18 +1,11 @@
-// Where fields and virtual operations lie, as callers with declarations of their own expect them.
+// Where virtual operations lie, as callers with declarations of their own expect them.
 #ifndef TESTS_LAYOUT_H
 #define TESTS_LAYOUT_H
 
 #include <cstddef>
 #include <cstring>
-#include <memory>
 #include <numeric>
 #include <vector>
-
-template <typename... Fields>
-std::vector<std::ptrdiff_t> offsetsIn(const void* owner, const Fields&... fields) {
-    const auto* begin = static_cast<const char*>(owner);
-    return {(reinterpret_cast<const char*>(std::addressof(fields)) - begin)...};
-}
 
 // Whether the operations follow one another behind the two destructors; a pointer to a virtual
 // operation holds 1 + 8 times its slot.

@@ -26,6 +26,15 @@ bool isUnusedFile(int code) {
 
 } // namespace
 
+static_assert(offsetof(RvpFunctions, openId) == 88 && offsetof(RvpFunctions, statFs) == 128);
+
+// The fields' places are part of the binary interface. The types are not of standard layout, yet
+// the compilers at hand define offsetof for all but virtual bases.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Winvalid-offsetof"
+static_assert(offsetof(RvpInterface, library) == 8 && offsetof(RvpInterface, context) == 16);
+static_assert(offsetof(RvpInterface, functions) == 40);
+
 RvpInterface::RvpInterface() : library(nullptr), context(nullptr), reserved{}, functions{} {}
 
 RvpInterface::~RvpInterface() {
@@ -54,7 +63,11 @@ RvpObject::RvpObject(RvpInterface& provider, OrmaObjectType type, const char* na
     if (lower != nullptr) {
         obj.record = lower->record;
     }
+    static_assert(offsetof(RvpObject, signature) == 8 && offsetof(RvpObject, objectType) == 12);
+    static_assert(offsetof(RvpObject, obj) == 24); // the interface fills the gap
+    static_assert(offsetof(RvpObject, lower) == 160 && offsetof(RvpObject, iterator) == 168);
 }
+#pragma GCC diagnostic pop
 
 RvpObject::~RvpObject() {
     if (obj.id != nullptr && (obj.id->flags & ID_KEPT) == 0) {

@@ -185,7 +185,7 @@ def main():
     parser.add_argument("--every-command", action="store_true")
     options = parser.parse_args()
     # What the library keeps on purpose is no finding.
-    leaks = pathlib.Path(__file__).resolve().parents[1] / "lsan.supp"
+    leaks = pathlib.Path(__file__).resolve().parents[1] / "tests" / "lsan.supp"
     os.environ.setdefault("LSAN_OPTIONS", f"suppressions={leaks}:print_suppressions=0")
     os.environ["PATH"] += ":/usr/sbin:/sbin"
     for base in BASES:
