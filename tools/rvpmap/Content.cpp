@@ -10,6 +10,7 @@
 
 namespace {
 
+// Pieces end at multiples of it in the target, whose pages the kernel then keeps in larger units.
 constexpr std::size_t PIECE_BYTES = 1024 * 1024;
 
 // The kernel copies fastest to and from memory that is aligned like its own pages.
@@ -64,8 +65,8 @@ class Copier {
         const uint64_t length = std::min(run.length, m_size - run.logical);
         for (uint64_t done = 0; done < length;) {
             checkSignals();
-            const auto piece =
-                static_cast<std::size_t>(std::min<uint64_t>(length - done, PIECE_BYTES));
+            const auto piece = static_cast<std::size_t>(
+                std::min(length - done, PIECE_BYTES - (run.logical + done) % PIECE_BYTES));
             try {
                 put(run.logical + done, run.physical + done, piece);
             } catch (const SourceError& error) {
