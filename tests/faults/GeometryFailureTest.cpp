@@ -74,6 +74,17 @@ std::string parseRealText() {
     return dumped;
 }
 
+std::string makeGroup() {
+    LvmConfig config;
+    insist([&] {
+        config.initNew("a group whose name is on the heap");
+        config.addPv("id", "/dev/a-device-with-a-long-name", 1UL << 30);
+    });
+    config.vg()["id"] = "fixed";
+    config.root["creation_time"] = 1UL;
+    return config.root.strValue();
+}
+
 std::string useBitmap(int kind) {
     RvpBitmap bitmap(kind);
     insist([&] { bitmap.init(100'000, true, 0, "dorado-faults-a-long-prefix"); });
@@ -89,6 +100,7 @@ const std::pair<const char*, std::string (*)()> OPERATIONS[] = {
     {"parity by 1.0", [] { return assemble(true, {.level = 5, .disks = 3}); }},
     {"mirrored stripes by 1.0", [] { return assemble(true, {.level = 10, .disks = 4}); }},
     {"parse", parseRealText},
+    {"generate", makeGroup},
     {"heap bitmap", [] { return useBitmap(RvpBitmap::HEAP); }},
     {"mapped bitmap", [] { return useBitmap(RvpBitmap::FILE_MAPPING); }},
 };

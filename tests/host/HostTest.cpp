@@ -2,6 +2,8 @@
 #include "kmhost.h"
 #include "support/Files.h"
 
+#include <cstring>
+#include <cwchar>
 #include <gtest/gtest.h>
 
 namespace {
@@ -19,6 +21,23 @@ TEST(ObjectIds, AreInternedByNameAndKindAndCounted) {
     km_free_objid(first);
     EXPECT_EQ(kmhost_objid_count(), before + 1);
     km_free_objid(nullptr);
+}
+
+TEST(ObjectIds, NamesCanBeReadAsWideCharacters) {
+    for (const char* name : {"", "abc", "abcd", "abcde"}) {
+        struct km_objid* id = km_objid(name, static_cast<int>(std::strlen(name) + 1), 3);
+        // One wide character holds four bytes of the name, and the zeros behind end it.
+        EXPECT_LE(std::wcslen(reinterpret_cast<const wchar_t*>(id->name)), 2U);
+        km_free_objid(id);
+    }
+}
+
+TEST(Guids, NeedRoomForTheirText) {
+    RGUID guid;
+    char text[33];
+    ASSERT_EQ(RGUIDCreate(&guid), 0);
+    EXPECT_EQ(RGUIDAsString(&guid, text, 33, 0), 0);
+    EXPECT_NE(RGUIDAsString(&guid, text, 32, 0), 0);
 }
 
 TEST(LogSink, WritesIndentedAndFilteredLinesToAFile) {

@@ -74,8 +74,9 @@ TEST(Logging, CutsNamesTagsAndLongLines) {
     logLine("Class::method", "/a/b/File.cpp", 0, "t");
     LogHelper::plugin_elog("f", "a/b\\c/d", 1, nullptr, 0, ":tag:text %d", 5);
     LogHelper::plugin_elog("f", "x", 1, nullptr, 0, ":no second");
+    LogHelper::plugin_elog("f", "x", 1, nullptr, 0, ":");
     EXPECT_THAT(log.lines(), ElementsAre("method:File.cpp <ERROR> t", "f:c/d <ERROR> text 5",
-                                         "f:x <ERROR> :no second"));
+                                         "f:x <ERROR> :no second", "f:x <ERROR> :"));
     log.clear();
     va_list none = {};
     logLine("ns::Class::method", "File", 0, std::string(4000, 'x').c_str());
@@ -133,6 +134,9 @@ TEST(Tracing, IsLimitedToTheFilesOfTheControlFile) {
                     "file=five=six\r\n" +
                     std::string("x") + std::string(300, ' ') + "file=late\n" + "file=last";
     EXPECT_TRUE(LogHelper::isActive());
+    km_debug_level = 0;
+    EXPECT_TRUE(LogHelper::isActive()) << "logging stays on";
+    km_debug_level = 0x70000000;
     EXPECT_EQ(queryLoggingStatus(), 1);
     EXPECT_EQ(s_controlFileReads, 1) << "it gave names, so it is not read again";
     // Case does not count, blanks and carriage returns do; long lines arrive in pieces.

@@ -118,6 +118,15 @@ TEST_F(ManagerTest, IdsMatchInAnyCaseAndTheFirstClaimWins) {
     EXPECT_THAT(log.lines(), ElementsAre(line, line));
 }
 
+TEST_F(ManagerTest, TheLibraryPathIsBoundedByTheInstallPath) {
+    RvpFsoFileSystemMgr manager;
+    const std::string deep(300, 'd');
+    km_root = deep.c_str();
+    std::string path;
+    manager.resolveFsoPath(path, "libfso");
+    EXPECT_EQ(path, std::string(260, 'd') + "map/rvp/libfso.so");
+}
+
 TEST_F(ManagerTest, AnUninitialisedCoordinatorRefusesWithCode2) {
     RvpFsoCoordinator coordinator(new RvpFsoFileSystemMgr);
     EXPECT_EQ(coordinator.rvpMapClaimVolume("v"), KM_CLAIM_NONE);

@@ -1,4 +1,5 @@
 // Platform shims.
+#include "RvpLinuxCommon.h"
 #include "RvpOrma.h"
 #include "support/Files.h"
 #include "support/LogCapture.h"
@@ -12,6 +13,13 @@
 namespace {
 
 using std::filesystem::exists;
+
+TEST(Conversions, TimesCountFromTheHostsYears) {
+    km_time time = {7, 8, 9};
+    RvpLinuxCommon::linux_to_kmptime(&time, 0);
+    EXPECT_EQ(time.seconds, 2208988800U);
+    EXPECT_EQ(time.fraction, 8U) << "left as it is";
+}
 
 TEST(Itoa, WritesEveryBase) {
     char text[40];

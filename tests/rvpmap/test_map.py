@@ -72,6 +72,7 @@ class Map(ToolTest):
                       '/<&">\\x07\\xff\\n', 'a<b>&"c'):
             self.assertTrue(any(words in text for text in texts), words)
         self.message("map", "image", *["/"] * 33, "-o", "m.svg", status=2)
+        self.message("map", "image", "/nothing", "-o", "m.svg", status=1)
         # A file that may not grow holds no bitmap.
         done = self.run_tool("map", "image", "-o", "m.svg", status=3, preexec_fn=lambda:
                              resource.setrlimit(resource.RLIMIT_FSIZE, (100, 100)))

@@ -19,6 +19,7 @@ class Volumes(ToolTest):
             "volume": "image", "name": "my volume",
             "uuid": "01234567-89ab-cdef-0123-456789abcdef", "block_size": 1024,
             "block_count": 16384, "root_index": 2, "filesystem": "ext4"})
+        self.assertIn("size:         16.0MB (16384 blocks)\n", self.text("info", "image"))
         self.assertIn("libdorado.so is missing",
                       self.message("--root", "source", "ls", "image", status=3))
         self.assertEqual(self.message("ls", "image", status=0), "")
@@ -46,7 +47,8 @@ class Volumes(ToolTest):
             self.assertIn(words, self.message("claim", name, status=3))
 
     def test_usage(self):
-        for wrong in ([], ["nonsense"], ["ls", ""], ["--trace=9", "ls", "image"],
+        self.assertRegex(self.text("--version"), r"^rvpmap \d")
+        for wrong in ([], ["nonsense"], ["scan"], ["ls", ""], ["--trace=9", "ls", "image"],
                       ["map", "image"], ["owner", "image"],
                       ["extract", "-r", "image", "/", "-o", "-"],
                       ["catalog", "--json", "--format", "csv", "image"],
@@ -86,6 +88,8 @@ class Files(ToolTest):
                 self.assertEqual(entries[path], {**{key: file.get(key) for key in entries[path]},
                                                  "name": os.path.basename(path)})
         self.assertEqual(entries["/hard"]["index"], entries["/plain"]["index"])
+        self.assertEqual(sorted(self.text("ls", "-U", "image").split()),
+                         self.text("ls", "image").split())
         self.assertIn("-rwsr-x---   2", self.text("ls", "-l", "image"))
         self.assertIn("link -> d/inner", self.text("ls", "-l", "image"))
         self.assertEqual(self.text("ls", "-R", "image", "/d"), "/d/inner\n")

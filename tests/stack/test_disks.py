@@ -64,6 +64,15 @@ class Disks(StackTest):
             self.skipTest("no loop device can be had")
         self.addCleanup(self.command, "losetup", "-d", device)
         self.check_content("md0", [device, device], noise(4096, 2))
+        owners = self.json("-d", device, "owner", device, "0+1G")
+        self.assertEqual([piece["owner"] for piece in owners][1:], ["array-metadata", "outside"])
+
+    def test_names_of_any_bytes(self):
+        name = os.fsdecode(b"bad\xff\x1b[31m")
+        self.disk(name, bytes(4096))
+        self.assertIn("bad\\xff\\x1b[31m", self.text("-d", name, "scan"))
+        self.assertEqual(self.json("-d", name, "scan")[0]["name_hex"], os.fsencode(name).hex())
+        self.assertNotIn("\x1b", self.message("-d", name, "ls", name, status=1))
 
     def test_names_that_are_no_volume(self):
         text = group([volume("v", stripes(0, 2, ("pv1", 1)))], {1: 16})
