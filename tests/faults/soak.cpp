@@ -23,7 +23,7 @@ constexpr unsigned long FIRST_ROUNDS = 2000;
 #if defined(__SANITIZE_ADDRESS__)
 constexpr long ALLOWED_GROWTH_KIB = 512 * 1024; // freed memory is held back
 #else
-constexpr long ALLOWED_GROWTH_KIB = 1024;
+constexpr long ALLOWED_GROWTH_KIB = 512; // the heap is uneven
 #endif
 
 long peakKib() {
@@ -92,5 +92,7 @@ int main(int count, char** arguments) {
     std::printf("%lu rounds in %.0f s: peak %ld KiB after %lu rounds, %+ld KiB since then; "
                 "%ld descriptors left open; %ld answers changed\n",
                 rounds, taken.count(), peakBefore, FIRST_ROUNDS, growth, left, changed);
-    return growth <= ALLOWED_GROWTH_KIB && left == 0 && changed == 0 ? 0 : 1;
+    // A byte a round more: a block that is lost in each costs 16 at least.
+    const long allowed = ALLOWED_GROWTH_KIB + static_cast<long>(rounds / 1024);
+    return growth <= allowed && left == 0 && changed == 0 ? 0 : 1;
 }
