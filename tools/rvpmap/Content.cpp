@@ -2,6 +2,7 @@
 
 #include "Output.h"
 #include "Signals.h"
+#include "Text.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -71,7 +72,7 @@ class Copier {
                 put(run.logical + done, run.physical + done, piece);
             } catch (const SourceError& error) {
                 throw ToolError(ExitStatus::FAILED, fmt::format("its data cannot be read: {}",
-                                                                readError(error).what()));
+                                                                printable(error.what())));
             }
             m_progress.advance(piece);
             done += piece;

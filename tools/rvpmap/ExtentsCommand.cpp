@@ -177,8 +177,8 @@ class PhysicalTablePrinter {
         }
     }
     void end() {
-        fmt::format_to(std::back_inserter(m_session.output.buffer()), "{} piece{} on disks\n",
-                       m_pieces, m_pieces == 1 ? "" : "s");
+        fmt::format_to(std::back_inserter(m_session.output.buffer()), "{} on disks\n",
+                       countText(m_pieces, "piece", "pieces"));
     }
 
   private:

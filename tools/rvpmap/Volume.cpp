@@ -151,7 +151,7 @@ bool Volume::onRead(void* context, unsigned long offset, unsigned long length, c
         volume.m_source.read(offset, length, buffer);
         return true;
     } catch (const SourceError& error) {
-        volume.m_readFailure = readError(error).what();
+        volume.m_readFailure = printable(error.what());
         volume.m_readFailedPastEnd = error.pastEnd();
         return false;
     }

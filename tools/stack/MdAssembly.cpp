@@ -269,13 +269,10 @@ class Judge {
     }
 
     void measure() {
-        const uint64_t component = array().componentSectors;
         m_result.dataDisks = dataDisks();
-        const uint64_t sectors =
-            array().level == 0
-                ? measureStripes()
-                : (ruleOf(array().level)->chunked ? inChunks(component) : component) *
-                      m_result.dataDisks;
+        const uint64_t component = array().componentSectors;
+        const uint64_t used = ruleOf(array().level)->chunked ? inChunks(component) : component;
+        const uint64_t sectors = array().level == 0 ? measureStripes() : used * m_result.dataDisks;
         m_result.size = sectors * SECTOR_BYTES;
     }
 
