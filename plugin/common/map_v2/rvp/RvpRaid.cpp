@@ -309,8 +309,8 @@ void RvpRaid::createVolume(RvpDisk& disk, md_superblock_s* superblock) {
     volume.raidDisks = superblock->raid_disks;
     volume.chunkSize = superblock->chunk_size;
 
+    m_maxArrayNumber = std::max(m_maxArrayNumber, volume.arrayNumber);
     m_volumes.push_back(std::move(volume));
-    m_maxArrayNumber = std::max(m_maxArrayNumber, m_volumes.back().arrayNumber);
 }
 
 void RvpRaid::createVolume_v1(RvpDisk& disk, md_superblock_v1_s* superblock) {
@@ -319,6 +319,7 @@ void RvpRaid::createVolume_v1(RvpDisk& disk, md_superblock_v1_s* superblock) {
     volume.members.push_back(makeMember(roleOf(*superblock), disk));
     volume.arrayNumber = arrayNumberOf(setName);
     if (volume.arrayNumber != NO_ARRAY_NUMBER) {
+        m_maxArrayNumber = std::max(m_maxArrayNumber, volume.arrayNumber);
         volume.deviceName = numberedDeviceName(volume.arrayNumber);
     } else {
         volume.deviceName = namedDeviceName(setName.c_str());
@@ -331,9 +332,6 @@ void RvpRaid::createVolume_v1(RvpDisk& disk, md_superblock_v1_s* superblock) {
     volume.chunkSize = superblock->chunksize * static_cast<std::uint32_t>(MD_SECTOR_SIZE);
 
     m_volumes.push_back(std::move(volume));
-    if (m_volumes.back().arrayNumber != NO_ARRAY_NUMBER) {
-        m_maxArrayNumber = std::max(m_maxArrayNumber, m_volumes.back().arrayNumber);
-    }
 }
 
 void RvpRaid::addToVolume(RaidVolume& volume, RvpDisk& disk, md_superblock_s* superblock) {

@@ -145,7 +145,7 @@ static_assert(sizeof(md_superblock_v1_s) == MD_SUPERBLOCK_SIZE);
 // Errors leave as `OrmaError` with code 1 after a log line, except where an operation says that it
 // reports them itself: it then tells the host's error handler, logs, and returns as if nothing had
 // happened. Standard exceptions (no memory) pass through every operation; the arrays are then as
-// they were.
+// they were, though a number that was seen may be the highest now.
 //
 // Nothing is checked that the superblocks say of themselves: a chunk size below 512 bytes, less
 // than two disks at level 4 or 5, or less than three at level 6, divide by zero when an address is
